@@ -1,0 +1,76 @@
+#pragma once
+// Response, Progress, Configuration, StatusCode.
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "kelcore/ImmutableString.h"
+
+namespace kelnet {
+
+// Header multimap: ordered by name, duplicates kept in arrival order.
+using HeaderMap = std::multimap<kelcore::ImmutableString, kelcore::ImmutableString>;
+
+enum StatusCode : int {
+  kStatusNone = 0,
+  kStatusOK = 200,
+  kStatusPartialContent = 206,
+  kStatusBadRequest = 400,
+  kStatusUnauthorized = 401,
+  kStatusNotFound = 404,
+  kStatusRangeNotSatisfiable = 416,
+  kStatusTooManyRequests = 429,
+  kStatusInternalServerError = 500,
+  kStatusBadGateway = 502,
+  kStatusServiceUnavailable = 503,
+  kStatusGatewayTimeout = 504,
+};
+
+struct Progress {
+  std::uint64_t bytesReceived = 0;  // body bytes so far
+  std::uint64_t totalBytes = 0;     // 0 when unknown
+  std::uint64_t bytesSent = 0;
+};
+
+// Per-request options. The defaults are what the service needs: no redirects, peer verified,
+// compressed answers accepted.
+struct Configuration {
+  bool followRedirects = false;
+  bool verifyPeer = true;  // TLS verification; turning it off is refused outside tests
+  bool acceptCompressed = true;
+  std::string caBundlePath;  // extra CA bundle; empty: the debug-database "ostriolib.cabundle", if any
+  std::string proxy;         // empty: the environment's proxy settings
+  std::string userAgent;     // empty: "ostriolib/<version>"
+  std::chrono::milliseconds connectTimeout{15000};
+  // A transfer slower than lowSpeedBytesPerSecond for lowSpeedTime is aborted.
+  std::chrono::milliseconds lowSpeedTime{30000};
+  std::uint32_t lowSpeedBytesPerSecond = 1;
+};
+
+class Response {
+ public:
+  Response() = default;
+  Response(int status, HeaderMap headers, std::string body, std::string httpVersion = "1.1")
+      : status_(status), headers_(std::move(headers)), body_(std::move(body)), httpVersion_(std::move(httpVersion)) {}
+
+  int StatusCode() const noexcept { return status_; }
+  bool IsSuccess() const noexcept { return status_ >= 200 && status_ <= 299; }
+  const HeaderMap& Headers() const noexcept { return headers_; }
+  // First / last value of the (lower-case) header name; empty when absent.
+  kelcore::ImmutableString FirstHeader(std::string_view name) const;
+  kelcore::ImmutableString LastHeader(std::string_view name) const;
+  const std::string& Body() const noexcept { return body_; }
+  const std::string& HttpVersion() const noexcept { return httpVersion_; }  // "1.1" or "2"
+
+ private:
+  int status_ = kStatusNone;
+  HeaderMap headers_;
+  std::string body_;
+  std::string httpVersion_;
+};
+
+}  // namespace kelnet
