@@ -16,6 +16,7 @@ std::string GetOstrioRedirectURI();
 // The domain suffix of an environment: the debug-database override
 // ("ostriolib.domain.production" / ".staging" / ".development") if set, else the build-time
 // constant. Unknown environments use production.
-kelcore::ImmutableString GetDomainSuffix(EnvironmentType environment);
+// Exported for the test suites only; not part of the public headers.
+OSTRIOLIB_EXPORT kelcore::ImmutableString GetDomainSuffix(EnvironmentType environment);
 
 }  // namespace ostriolib
