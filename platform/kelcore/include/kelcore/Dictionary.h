@@ -41,17 +41,17 @@ class DictionaryValue {
   DictionaryValue() noexcept;  // null
   DictionaryValue(std::nullptr_t) noexcept : DictionaryValue() {}
   DictionaryValue(bool value) noexcept;
-  DictionaryValue(int value) noexcept : DictionaryValue(static_cast<std::int64_t>(value)) {}
-  DictionaryValue(long value) noexcept : DictionaryValue(static_cast<std::int64_t>(value)) {}
+  DictionaryValue(int value) noexcept : DictionaryValue(static_cast<long long>(value)) {}
+  DictionaryValue(long value) noexcept : DictionaryValue(static_cast<long long>(value)) {}
   DictionaryValue(long long value) noexcept;
-  DictionaryValue(unsigned value) noexcept : DictionaryValue(static_cast<std::int64_t>(value)) {}
+  DictionaryValue(unsigned value) noexcept : DictionaryValue(static_cast<long long>(value)) {}
   DictionaryValue(unsigned long value) noexcept;
   DictionaryValue(unsigned long long value) noexcept;
   DictionaryValue(double value) noexcept;
   DictionaryValue(std::string_view text);
   DictionaryValue(const char* text) : DictionaryValue(std::string_view(text ? text : "")) {}
   DictionaryValue(const std::string& text) : DictionaryValue(std::string_view(text)) {}
-  DictionaryValue(const U8Str& text) : DictionaryValue(AsStringView(text)) {}
+  DictionaryValue(const U8Str& text) : DictionaryValue(::kelcore::AsStringView(text)) {}
   DictionaryValue(const ImmutableString& text) : DictionaryValue(text.View()) {}
   DictionaryValue(const Dictionary& object);
   DictionaryValue(std::vector<DictionaryValue> array);
