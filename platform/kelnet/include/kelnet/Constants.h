@@ -17,6 +17,7 @@ extern const kelcore::ImmutableString kHEADER_ACCEPT_RANGES;         // "accept-
 extern const kelcore::ImmutableString kHEADER_CONTENT_LENGTH;        // "content-length"
 extern const kelcore::ImmutableString kHEADER_ETAG;                  // "etag"
 extern const kelcore::ImmutableString kHEADER_IF_RANGE;              // "if-range"
+extern const kelcore::ImmutableString kHEADER_LAST_MODIFIED;         // "last-modified"
 
 extern const kelcore::ImmutableString kHEADER_CONTENT_TYPE_APPLICATION_JSON;          // "application/json"
 extern const kelcore::ImmutableString kHEADER_CONTENT_TYPE_APPLICATION_JSON_UTF_8;    // "application/json; charset=utf-8"

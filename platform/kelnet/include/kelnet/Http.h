@@ -2,10 +2,15 @@
 // HTTP POST and streaming GET on one network thread (libcurl multi).
 //
 // Completions and data callbacks run on the network thread, never on the caller's stack;
-// keep them short and hand work on. A request that fails before an HTTP answer arrives
-// (connection refused, TLS failure, timeout, reset, shutdown) completes with a null response;
-// the reason goes to the log without the URL's path or query (they may carry tokens).
+// keep them short and hand work on (a callback that blocks stalls every transfer). A request
+// that fails without a complete HTTP answer (connection refused, TLS failure, timeout, reset
+// mid-body, cancellation, shutdown) completes with a null response; the reason goes to the log
+// with the host only, never the URL's path or query (they may carry tokens).
+//
+// Each accepted request completes exactly once; a request that was refused (false returned)
+// never calls its completion.
 
+#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -20,18 +25,33 @@ using Completion = std::function<void(const kelcore::utility::Guid& requestId, c
 using DataCallback = std::function<void(const kelcore::utility::Guid& requestId, const void* data, std::size_t offset,
                                         std::size_t size, const Progress& progress, const HeaderMap& responseHeaders)>;
 
-// Starts a POST; false when it could not be started (invalid URL, transport shut down).
+// Starts a POST; false when it could not be started (invalid URL, malformed header, peer
+// verification turned off, transport shut down). A null body posts zero bytes. The body buffer
+// is sent in place, so every attempt of a retried request shares it.
 bool POST(const kelcore::utility::Guid& requestId, Completion completion, const kelcore::ImmutableString& url,
           std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const HeaderMap& headers,
           const Configuration& configuration);
 
-// Starts a streaming GET: onData receives the body as it arrives, with each chunk's offset in
-// the resource; the final Response carries status and headers and an empty body.
+// Starts a streaming GET: onData receives a 2xx body as it arrives, with each chunk's offset in
+// the resource (the Content-Range start for a 206 answer, else 0, plus the bytes before it);
+// nothing is accumulated. Bodies of other statuses are not streamed: the final Response carries
+// them (the first 1 MiB), so an error page never lands in the caller's file. For a 2xx answer
+// the final Response carries status and headers and an empty body.
 bool StreamingGET(const kelcore::utility::Guid& requestId, DataCallback onData, Completion completion,
                   const kelcore::ImmutableString& url, const HeaderMap& headers, const Configuration& configuration);
 
-// Cancels every request in flight (each completes with a null response), stops and joins the
-// network thread. Requests started afterwards are refused. Idempotent.
+// Cancels every request started with this id: each completes with a null response. Called from a
+// data callback, no further chunk of that request is delivered.
+void Cancel(const kelcore::utility::Guid& requestId);
+
+// Runs task on the network thread once delay has passed (retry back-off, without a sleeping
+// thread). False once the transport is shut down; timers pending at shutdown run at once.
+bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task);
+
+// Cancels every request in flight (each completes with a null response), runs pending timers,
+// stops and joins the network thread. Requests started afterwards are refused. Idempotent; also
+// runs at process exit. Called on the network thread itself it stops the thread without joining.
 void Shutdown();
+bool IsShutDown();
 
 }  // namespace kelnet

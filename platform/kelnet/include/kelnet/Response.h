@@ -22,6 +22,7 @@ enum StatusCode : int {
   kStatusBadRequest = 400,
   kStatusUnauthorized = 401,
   kStatusNotFound = 404,
+  kStatusPreconditionFailed = 412,
   kStatusRangeNotSatisfiable = 416,
   kStatusTooManyRequests = 429,
   kStatusInternalServerError = 500,
@@ -40,8 +41,8 @@ struct Progress {
 // compressed answers accepted.
 struct Configuration {
   bool followRedirects = false;
-  bool verifyPeer = true;  // TLS verification; turning it off is refused outside tests
-  bool acceptCompressed = true;
+  bool verifyPeer = true;  // TLS verification is never turned off: a request asking for it is refused
+  bool acceptCompressed = true;  // ignored for requests that carry a Range (offsets are of the raw bytes)
   std::string caBundlePath;  // extra CA bundle; empty: the debug-database "ostriolib.cabundle", if any
   std::string proxy;         // empty: the environment's proxy settings
   std::string userAgent;     // empty: "ostriolib/<version>"
@@ -49,6 +50,11 @@ struct Configuration {
   // A transfer slower than lowSpeedBytesPerSecond for lowSpeedTime is aborted.
   std::chrono::milliseconds lowSpeedTime{30000};
   std::uint32_t lowSpeedBytesPerSecond = 1;
+  // HTTP/2 over TLS when the server offers it, several requests multiplexed on one connection.
+  // False keeps the request on HTTP/1.1: a connection of its own, which is what parallel range
+  // requests want.
+  bool allowHttp2 = true;
+  std::size_t receiveBufferSize = 0;  // bytes; 0: the transport's default
 };
 
 class Response {
