@@ -51,13 +51,6 @@ function drained(ctx) {
   });
 }
 
-function flushed(ctx) {
-  return new Promise((resolve) => {
-    if (ctx.closed) return resolve();
-    ctx.res.write('', () => resolve());
-  });
-}
-
 // Host label → role. The *.ostrio.localhost names select by their first label; bare loopback
 // names (and extra --name names that are not api./accounts./media.) act as the api host, so
 // tools that cannot resolve *.localhost (h2load, aria2c) can still reach the API and media.
@@ -391,26 +384,37 @@ class Emulator {
     }
     res.writeHead(plan.status, headers);
     const stop = resetAt === null ? end : Math.min(resetAt, end);
-    await this.pump(ctx, source, stop, bytesPerSecond);
+    await this.pump(ctx, source, stop, bytesPerSecond, resetAt !== null);
     if (ctx.closed) return;
     if (resetAt !== null) {
-      await flushed(ctx);
+      // HTTP/1.1 sends the status line with the first body byte; with nothing written yet,
+      // push the headers out before dropping the connection.
+      if (!ctx.h2 && stop === 0) {
+        res.flushHeaders();
+        await new Promise((resolve) => ctx.req.socket.write('', resolve));
+      }
       this.reset(ctx);
       return;
     }
     res.end();
   }
 
-  async pump(ctx, source, end, bytesPerSecond) {
+  // Writes bytes [0, end) of source with backpressure (and pacing when bytesPerSecond is set).
+  // With flush set, it returns only once the last write has left (the K bytes before a reset
+  // must reach the client, or "reset after K bytes" would be "after at most K").
+  async pump(ctx, source, end, bytesPerSecond, flush) {
     const { res } = ctx;
     let pos = 0;
+    let last = Promise.resolve();
     const t0 = Date.now();
     const slice = bytesPerSecond ? Math.max(1, Math.floor((bytesPerSecond * THROTTLE_TICK_MS) / 1000)) : Infinity;
     while (pos < end) {
       if (ctx.closed) return;
       const chunk = source.chunkAt(pos, Math.min(end - pos, slice));
       pos += chunk.length;
-      const ok = res.write(chunk);
+      let ok;
+      if (flush) last = new Promise((resolve) => { ok = res.write(chunk, () => resolve()); });
+      else ok = res.write(chunk);
       if (bytesPerSecond) {
         // Pace against the start time rather than sleeping a fixed tick, so timer lateness
         // does not accumulate into a slower rate than asked.
@@ -422,6 +426,7 @@ class Emulator {
         await drained(ctx);
       }
     }
+    if (flush) await last;
   }
 }
 

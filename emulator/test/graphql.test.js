@@ -1,0 +1,131 @@
+'use strict';
+
+const assert = require('node:assert/strict');
+const { describe, it, before, after } = require('node:test');
+const { startEmulator } = require('../harness');
+const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
+
+const GUID = /^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}$/;
+
+describe('GraphQL API', { timeout: 60000 }, () => {
+  let emu, token, data, suffix;
+  before(async () => {
+    emu = await startEmulator();
+    token = (await emu.session()).accessToken;
+    data = await emu.data();
+    suffix = emu.info.suffix;
+  });
+  after(() => emu && emu.stop());
+
+  const ok = async (query, variables, t = token) => {
+    const res = await emu.graphql(query, variables, t);
+    assert.equal(res.status, 200);
+    assert.equal(res.headers['content-type'], 'application/json; charset=utf-8');
+    assert.equal(res.json.errors, undefined, JSON.stringify(res.json.errors));
+    return res.json.data;
+  };
+
+  it('answers every library text, sent verbatim, with the shapes the library parses', async () => {
+    await emu.control('DELETE', '/requests');
+    const account = data.accounts[0];
+    const ws = account.workspaces[0];
+    const root = ws.projects[0].rootAssetId;
+    const video = data.videoAsset;
+
+    const me = (await ok(Q.CurrentUser)).me;
+    assert.deepEqual(me, { ...data.user, __typename: 'AuthenticatedUser', profileImageUrl: `https://media${suffix}/media/${data.user.id}/avatar.jpg` });
+
+    const accounts = (await ok(Q.Accounts, { page: { first: 100 } })).me.accounts.nodes.map((n) => n.account);
+    assert.deepEqual(accounts.map((a) => a.id), data.accountIds);
+    for (const a of accounts) {
+      assert.equal(a.__typename, 'Account');
+      assert.match(a.id, GUID);
+      assert.ok(Number.isInteger(a.version) && a.displayName);
+    }
+
+    const page1 = (await ok(Q.WorkspacesByAccountID, { accountID: account.id, page: { first: 2 } })).account.workspaces;
+    assert.deepEqual(page1.nodes, account.workspaces.slice(0, 2).map((w) => ({ __typename: 'Workspace', id: w.id, name: w.name })));
+    assert.equal(page1.pageInfo.hasNextPage, true);
+    const page2 = (await ok(Q.WorkspacesByAccountID, { accountID: account.id, page: { first: 2, after: page1.pageInfo.endCursor } })).account.workspaces;
+    assert.deepEqual(page2.nodes.map((w) => w.id), account.workspaces.slice(2).map((w) => w.id));
+    assert.equal(page2.pageInfo.hasNextPage, false);
+    assert.equal((await ok(Q.WorkspaceCountByAccountID, { accountID: account.id, page: { first: 0 } })).account.workspaces.totalCount, account.workspaces.length);
+
+    const projects = (await ok(Q.ProjectsByWorkspaceID, { workspaceID: ws.id, page: { first: 10 } })).workspace.projects;
+    assert.deepEqual(projects.nodes, ws.projects.map((p) => ({ __typename: 'Project', ...p })));
+    assert.equal(projects.pageInfo.hasNextPage, false);
+    assert.equal((await ok(Q.ProjectCountByWorkspaceID, { workspaceID: ws.id, page: { first: 0 } })).workspace.projects.totalCount, ws.projects.length);
+
+    const filter = (t) => ({ assetType: t, folderId: root });
+    const listing = await ok(Q.GetFilesAndFolders, { pageFiles: { first: 20 }, pageFolders: { first: 20 }, queryFiles: filter('FILE'), queryFolders: filter('FOLDER') });
+    const rootInfo = data.folders.find((f) => f.id === root);
+    assert.equal(listing.files.nodes.length, rootInfo.fileCount);
+    assert.deepEqual(listing.folders.nodes.map((n) => n.id), data.folders.filter((f) => f.parentId === root).map((f) => f.id));
+    assert.equal(listing.files.pageInfo.hasNextPage, false);
+    const counts = await ok(Q.GetAssetCountsByFolderID, { page: { first: 0 }, queryFiles: filter('FILE'), queryFolders: filter('FOLDER') });
+    assert.deepEqual(counts, { files: { totalCount: rootInfo.fileCount }, folders: { totalCount: rootInfo.folderCount } });
+
+    assert.equal((await ok(Q.GetDownloadURL, { assetID: video.id })).asset.media.original.downloadUrl, `https://media${suffix}/media/${video.id}/original.mp4`);
+    assert.equal((await ok(Q.ThumbnailImageUrl, { assetID: video.id })).asset.thumbnailImageUrl.url, `https://media${suffix}/media/${video.id}/thumbnail.jpg`);
+    // A folder id is a valid asset, just not a video: the fragment selects nothing.
+    assert.deepEqual((await ok(Q.GetDownloadURL, { assetID: root })).asset, {});
+
+    const log = (await emu.requests()).map((e) => e.graphql.known);
+    assert.deepEqual(log, ['CurrentUser', 'Accounts', 'WorkspacesByAccountID', 'WorkspacesByAccountID', 'WorkspaceCountByAccountID',
+      'ProjectsByWorkspaceID', 'ProjectCountByWorkspaceID', 'GetFilesAndFolders', 'GetAssetCountsByFolderID', 'GetDownloadURL', 'ThumbnailImageUrl', 'GetDownloadURL']);
+    assert.equal(Object.keys(Q).length, 10);
+  });
+
+  it('names the offset and closest text of a drifted document', async () => {
+    await emu.control('DELETE', '/requests');
+    const at = Q.WorkspacesByAccountID.indexOf('pageInfo');
+    const drifted = `${Q.WorkspacesByAccountID.slice(0, at)} ${Q.WorkspacesByAccountID.slice(at)}`;
+    await ok(drifted, { accountID: data.accountIds[0], page: { first: 1 } });
+    const lowered = Q.GetDownloadURL.replace('GetDownloadURL', 'GetDownloadUrl');
+    await ok(lowered, { assetID: data.videoAsset.id });
+    const [e1, e2] = await emu.requests();
+    assert.deepEqual(e1.graphql, { operationName: 'WorkspacesByAccountID', known: null, firstDifference: at, closest: 'WorkspacesByAccountID' });
+    assert.deepEqual(e2.graphql, { operationName: 'GetDownloadUrl', known: null, firstDifference: Q.GetDownloadURL.indexOf('URL') + 1, closest: 'GetDownloadURL' });
+  });
+
+  it('answers bad requests with standard GraphQL errors', async () => {
+    const errorOf = async (query, variables, status = 200) => {
+      const res = await emu.graphql(query, variables, token);
+      assert.equal(res.status, status);
+      assert.ok(res.json.errors.length >= 1, JSON.stringify(res.json));
+      return res.json;
+    };
+    await errorOf('{ me { id ', undefined);
+    await errorOf('{ me { nosuchfield } }', undefined);
+    await errorOf(Q.Accounts, {});
+    await errorOf(Q.WorkspaceCountByAccountID, { accountID: data.accountIds[0], page: { first: '0' } });
+    await errorOf(Q.GetAssetCountsByFolderID, { page: { first: 0 }, queryFiles: { assetType: 'FILES', folderId: data.rootFolderIds[0] }, queryFolders: { assetType: 'FOLDER', folderId: data.rootFolderIds[0] } });
+    const pageOf = (first, after) => ({ accountID: data.accountIds[0], page: after === undefined ? { first } : { first, after } });
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(-1))).errors[0].message, /first/);
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1, 'garbage!'))).errors[0].message, /invalid cursor/);
+    // A real cursor of another list is refused too.
+    const other = (await ok(Q.WorkspacesByAccountID, { accountID: data.accountIds[1], page: { first: 1 } })).account.workspaces.pageInfo.endCursor;
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1, other))).errors[0].message, /invalid cursor/);
+
+    const missing = await errorOf(Q.WorkspaceCountByAccountID, { accountID: '00000000-0000-0000-0000-000000000000', page: { first: 0 } });
+    assert.deepEqual(missing.data, { account: null });
+    assert.match(missing.errors[0].message, /^not found/);
+
+    const raw = (body, type = 'application/json') => emu.request('api', 'POST', '/graphql', { headers: { 'content-type': type, authorization: `Bearer ${token}` }, body });
+    const notJson = await raw('{"query": ');
+    assert.equal(notJson.status, 400);
+    assert.ok(JSON.parse(notJson.body).errors[0].message);
+    assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser }), 'text/plain')).status, 415);
+    assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser, variables: [1] }))).status, 400);
+  });
+
+  it('shows a user only the accounts they belong to', async () => {
+    const sam = data.users.find((u) => u.email === 'sam@example.com');
+    const samToken = (await emu.session({ userId: sam.id })).accessToken;
+    const mine = (await ok(Q.Accounts, { page: { first: 100 } }, samToken)).me.accounts.nodes.map((n) => n.account.id);
+    assert.deepEqual(mine, sam.accountIds);
+    const foreign = data.accountIds.find((id) => !sam.accountIds.includes(id));
+    const res = await emu.graphql(Q.WorkspaceCountByAccountID, { accountID: foreign, page: { first: 0 } }, samToken);
+    assert.match(res.json.errors[0].message, /^not found/);
+  });
+});

@@ -1,0 +1,107 @@
+'use strict';
+
+const assert = require('node:assert/strict');
+const { describe, it, before, after } = require('node:test');
+const { startEmulator } = require('../harness');
+const { expectedBytes } = require('../lib/media');
+
+describe('media', { timeout: 60000 }, () => {
+  let emu, video;
+  before(async () => {
+    emu = await startEmulator();
+    video = (await emu.data()).videoAsset;
+  });
+  after(() => emu && emu.stop());
+
+  const get = (target, headers = {}, method = 'GET') => emu.request('media', method, target, { headers });
+
+  it('serves exact byte ranges of a video', async () => {
+    const url = `/media/${video.id}/original.mp4`;
+    const full = await get(url);
+    assert.equal(full.status, 200);
+    assert.equal(full.headers['content-type'], 'video/mp4');
+    assert.equal(full.headers['accept-ranges'], 'bytes');
+    assert.equal(full.headers['content-length'], String(video.size));
+    assert.match(full.headers.etag, /^"[^"]+"$/);
+    assert.ok(full.body.equals(expectedBytes(video.size, video.seed)));
+
+    const size = video.size;
+    const cases = [
+      ['bytes=0-0', 0, 0],
+      ['bytes=1000-66535', 1000, 66535],
+      ['bytes=65530-65545', 65530, 65545],
+      [`bytes=${size - 10}-`, size - 10, size - 1],
+      [`bytes=${size - 10}-${size + 1000}`, size - 10, size - 1],
+      ['bytes=-300', size - 300, size - 1],
+      [`bytes=-${size + 5}`, 0, size - 1],
+    ];
+    for (const [range, start, end] of cases) {
+      const res = await get(url, { range });
+      assert.equal(res.status, 206, range);
+      assert.equal(res.headers['content-range'], `bytes ${start}-${end}/${size}`, range);
+      assert.equal(res.headers['content-length'], String(end - start + 1), range);
+      assert.ok(res.body.equals(full.body.subarray(start, end + 1)), range);
+    }
+    for (const range of [`bytes=${size}-`, `bytes=${size + 1}-${size + 9}`, 'bytes=-0']) {
+      const res = await get(url, { range });
+      assert.equal(res.status, 416, range);
+      assert.equal(res.headers['content-range'], `bytes */${size}`);
+    }
+    // Ranges we do not serve as ranges (several, malformed, backwards) get the whole resource.
+    for (const range of ['bytes=0-1,5-6', 'items=0-5', 'bytes=9-3']) {
+      const res = await get(url, { range });
+      assert.equal(res.status, 200, range);
+      assert.equal(res.body.length, size, range);
+    }
+
+    assert.equal((await get(url, { range: 'bytes=10-19', 'if-range': full.headers.etag })).status, 206);
+    const stale = await get(url, { range: 'bytes=10-19', 'if-range': '"something-else"' });
+    assert.equal(stale.status, 200);
+    assert.equal(stale.body.length, size);
+
+    const head = await get(url, { range: 'bytes=5-9' }, 'HEAD');
+    assert.equal(head.status, 206);
+    assert.equal(head.headers['content-length'], '5');
+    assert.equal(head.body.length, 0);
+    assert.equal((await get(url, {}, 'HEAD')).headers.etag, full.headers.etag);
+  });
+
+  it('serves thumbnails, avatars and synthetic resources, each with its own pattern and tag', async () => {
+    const thumb = await get(`/media/${video.id}/thumbnail.jpg`);
+    assert.equal(thumb.headers['content-type'], 'image/jpeg');
+    assert.ok(thumb.body.equals(expectedBytes(video.thumbnailSize, video.thumbnailSeed)));
+    const syn = await emu.request('api', 'GET', '/media/synthetic/1000');
+    assert.equal(syn.headers['content-type'], 'application/octet-stream');
+    assert.ok(syn.body.equals(expectedBytes(1000, 0)));
+    assert.equal((await emu.request('api', 'GET', '/media/synthetic/0')).body.length, 0);
+    const tags = new Set([thumb.headers.etag, syn.headers.etag, (await get(`/media/${video.id}/original.mp4`, {}, 'HEAD')).headers.etag]);
+    assert.equal(tags.size, 3);
+    for (const target of [`/media/${video.id}/original.mov`, '/media/00000000-0000-0000-0000-000000000000/original.mp4', '/media/synthetic/12x', '/media/synthetic/']) {
+      assert.equal((await get(target)).status, 404, target);
+    }
+    assert.equal((await emu.request('media', 'POST', `/media/${video.id}/original.mp4`)).status, 405);
+  });
+
+  it('streams a large resource over HTTP/2 without losing or reordering a byte', async () => {
+    const size = 96 * 1024 * 1024 + 7;
+    const client = emu.connectH2('media');
+    try {
+      const result = await new Promise((resolve, reject) => {
+        const req = client.request({ ':path': `/media/synthetic/${size}` });
+        let pos = 0;
+        let bad = -1;
+        req.setTimeout(30000, () => reject(new Error('download timed out')));
+        req.on('data', (chunk) => {
+          if (bad < 0 && !chunk.equals(expectedBytes(chunk.length, 0, pos))) bad = pos;
+          pos += chunk.length;
+        });
+        req.on('end', () => resolve({ pos, bad }));
+        req.on('error', reject);
+        req.end();
+      });
+      assert.deepEqual(result, { pos: size, bad: -1 });
+    } finally {
+      client.close();
+    }
+  });
+});
