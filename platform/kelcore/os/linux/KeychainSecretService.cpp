@@ -1,0 +1,323 @@
+// The Secret Service store, through libsecret.
+//
+// libsecret's synchronous calls can block for two D-Bus timeouts (25 s each) on a hung service,
+// and a lookup in a locked collection answers "nothing" without an error. So every call here is
+// asynchronous, runs on a private GMainContext and is cancelled when its time is up; and before
+// the store is trusted, the service is opened and its default collection found and unlocked,
+// each step bounded.
+
+#include <libsecret/secret.h>
+
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "../../src/KeychainBackend.h"
+#include "kelcore/Strings.h"
+
+namespace kelcore {
+namespace {
+
+using std::chrono::milliseconds;
+
+const SecretSchema* Schema() {
+  static const SecretSchema* schema = [] {
+    auto* s = new SecretSchema{};
+    s->name = "com.corvane.kelcore.Secret";
+    s->flags = SECRET_SCHEMA_NONE;
+    s->attributes[0] = {"service", SECRET_SCHEMA_ATTRIBUTE_STRING};
+    s->attributes[1] = {"account", SECRET_SCHEMA_ATTRIBUTE_STRING};
+    // "user" or "session": where the secret was put, so a read finds only what its flag names.
+    s->attributes[2] = {"scope", SECRET_SCHEMA_ATTRIBUTE_STRING};
+    return s;
+  }();
+  return schema;
+}
+
+struct GObjectUnref {
+  void operator()(gpointer object) const {
+    if (object) g_object_unref(object);
+  }
+};
+template <class T>
+using GObjectPtr = std::unique_ptr<T, GObjectUnref>;
+
+struct GErrorFree {
+  void operator()(GError* error) const { g_error_free(error); }
+};
+using GErrorPtr = std::unique_ptr<GError, GErrorFree>;
+
+struct HashTableUnref {
+  void operator()(GHashTable* table) const { g_hash_table_unref(table); }
+};
+using Attributes = std::unique_ptr<GHashTable, HashTableUnref>;
+
+// One asynchronous call's landing place. It outlives an abandoned call: the callback may still
+// arrive on a later turn of the context and must find somewhere to put its result.
+struct Landing {
+  bool done = false;
+  GAsyncResult* result = nullptr;
+  ~Landing() {
+    if (result) g_object_unref(result);
+  }
+};
+
+void OnCallReady(GObject*, GAsyncResult* result, gpointer data) {
+  std::unique_ptr<std::shared_ptr<Landing>> landing(static_cast<std::shared_ptr<Landing>*>(data));
+  (*landing)->result = G_ASYNC_RESULT(g_object_ref(result));
+  (*landing)->done = true;
+}
+
+gboolean OnTimeout(gpointer data) {
+  *static_cast<bool*>(data) = true;
+  return G_SOURCE_REMOVE;
+}
+
+// A private main context, iterated only while a call runs and only under its mutex, so callers
+// on any thread see one call at a time and nothing ever runs on the host's GLib loop.
+class BoundedContext {
+ public:
+  BoundedContext() : context_(g_main_context_new()) {}
+  BoundedContext(const BoundedContext&) = delete;
+  BoundedContext& operator=(const BoundedContext&) = delete;
+  ~BoundedContext() { g_main_context_unref(context_); }
+
+  // Starts one call with start(cancellable, callback, userData) and waits at most `timeout` for
+  // its result; on timeout the call is cancelled and null returned. Caller holds the mutex.
+  template <class Start>
+  GObjectPtr<GAsyncResult> Run(milliseconds timeout, Start&& start) {
+    auto landing = std::make_shared<Landing>();
+    GObjectPtr<GCancellable> cancellable(g_cancellable_new());
+    g_main_context_push_thread_default(context_);
+    start(cancellable.get(), &OnCallReady, new std::shared_ptr<Landing>(landing));
+    bool timedOut = false;
+    GSource* timer = g_timeout_source_new(static_cast<guint>(timeout.count()));
+    g_source_set_callback(timer, &OnTimeout, &timedOut, nullptr);
+    g_source_attach(timer, context_);
+    while (!landing->done && !timedOut) g_main_context_iteration(context_, TRUE);
+    g_source_destroy(timer);
+    g_source_unref(timer);
+    if (!landing->done) g_cancellable_cancel(cancellable.get());
+    g_main_context_pop_thread_default(context_);
+    if (!landing->done) return nullptr;
+    return GObjectPtr<GAsyncResult>(G_ASYNC_RESULT(g_object_ref(landing->result)));
+  }
+
+  std::mutex mutex;
+
+ private:
+  GMainContext* context_;
+};
+
+std::string Describe(const GErrorPtr& error, std::string_view fallback) {
+  return error && error->message ? std::string(error->message) : std::string(fallback);
+}
+
+class SecretServiceKeychain final : public keychain_detail::KeychainBackend<SecretServiceKeychain> {
+ public:
+  SecretServiceKeychain(std::unique_ptr<BoundedContext> context, GObjectPtr<SecretService> service,
+                        milliseconds timeout)
+      : context_(std::move(context)), service_(std::move(service)), timeout_(timeout) {}
+
+  Result AddPassword(const std::u16string& service, const std::u16string& account, const std::u16string& secret,
+                     bool persistent) override {
+    const std::string serviceText = UTF16ToUTF8(service);
+    const std::string accountText = UTF16ToUTF8(account);
+    const std::string label = serviceText + " (" + accountText + ")";
+    const std::string bytes = UTF16ToUTF8(secret);
+    Attributes attributes = MakeAttributes(serviceText, accountText, persistent);
+    SecretValue* value = secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "text/plain");
+    std::lock_guard lock(context_->mutex);
+    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+      secret_service_store(service_.get(), Schema(), attributes.get(),
+                           persistent ? SECRET_COLLECTION_DEFAULT : SECRET_COLLECTION_SESSION, label.c_str(), value,
+                           cancellable, callback, data);
+    });
+    secret_value_unref(value);
+    if (!done) {
+      keychain_detail::Warn("Secret Service: storing a secret timed out");
+      return kErrorFailed;
+    }
+    GError* raw = nullptr;
+    const bool stored = secret_service_store_finish(service_.get(), done.get(), &raw);
+    GErrorPtr error(raw);
+    if (!stored) {
+      keychain_detail::Warn("Secret Service: storing a secret failed: " + Describe(error, "unknown error"));
+      return kErrorFailed;
+    }
+    return kResultOK;
+  }
+
+  std::u16string GetPassword(const std::u16string& service, const std::u16string& account,
+                             bool persistent) override {
+    Attributes attributes = MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent);
+    std::lock_guard lock(context_->mutex);
+    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+      secret_service_lookup(service_.get(), Schema(), attributes.get(), cancellable, callback, data);
+    });
+    if (!done) {
+      keychain_detail::Warn("Secret Service: reading a secret timed out");
+      return {};
+    }
+    GError* raw = nullptr;
+    SecretValue* value = secret_service_lookup_finish(service_.get(), done.get(), &raw);
+    GErrorPtr error(raw);
+    if (!value) {
+      if (error) keychain_detail::Warn("Secret Service: reading a secret failed: " + Describe(error, ""));
+      return {};
+    }
+    gsize length = 0;
+    const gchar* bytes = secret_value_get(value, &length);
+    std::u16string secret = UTF8ToUTF16(std::string_view(bytes, length));
+    secret_value_unref(value);
+    return secret;
+  }
+
+  bool RemovePassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
+    Attributes attributes = MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent);
+    std::lock_guard lock(context_->mutex);
+    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+      secret_service_clear(service_.get(), Schema(), attributes.get(), cancellable, callback, data);
+    });
+    if (!done) {
+      keychain_detail::Warn("Secret Service: removing a secret timed out");
+      return false;
+    }
+    GError* raw = nullptr;
+    const bool removed = secret_service_clear_finish(service_.get(), done.get(), &raw);
+    GErrorPtr error(raw);
+    if (error) keychain_detail::Warn("Secret Service: removing a secret failed: " + Describe(error, ""));
+    return removed;
+  }
+
+ private:
+  static Attributes MakeAttributes(const std::string& service, const std::string& account, bool persistent) {
+    Attributes attributes(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free));
+    g_hash_table_insert(attributes.get(), g_strdup("service"), g_strdup(service.c_str()));
+    g_hash_table_insert(attributes.get(), g_strdup("account"), g_strdup(account.c_str()));
+    g_hash_table_insert(attributes.get(), g_strdup("scope"), g_strdup(persistent ? "user" : "session"));
+    return attributes;
+  }
+
+  std::unique_ptr<BoundedContext> context_;
+  GObjectPtr<SecretService> service_;
+  const milliseconds timeout_;
+};
+
+// Where GDBus would find the session bus without starting one: an explicit address, or the
+// per-user bus socket. Without either it would try X11 autolaunch, which on a headless machine
+// only fails slowly.
+bool SessionBusConfigured() {
+  const char* address = g_getenv("DBUS_SESSION_BUS_ADDRESS");
+  if (address && *address) return true;
+  const char* runtime = g_getenv("XDG_RUNTIME_DIR");
+  if (!runtime || !*runtime) return false;
+  std::string socket = std::string(runtime) + "/bus";
+  return g_file_test(socket.c_str(), G_FILE_TEST_EXISTS);
+}
+
+// Opens the Secret Service and makes sure its default collection is there and unlocked; null
+// and the reason when it is not usable.
+GObjectPtr<SecretService> Probe(BoundedContext& context, milliseconds timeout, milliseconds unlockTimeout,
+                                std::string& reason) {
+  std::lock_guard lock(context.mutex);
+  auto bus = context.Run(timeout, [](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+    g_bus_get(G_BUS_TYPE_SESSION, cancellable, callback, data);
+  });
+  if (!bus) {
+    reason = "the D-Bus session bus did not answer in time";
+    return nullptr;
+  }
+  GError* raw = nullptr;
+  GObjectPtr<GDBusConnection> connection(g_bus_get_finish(bus.get(), &raw));
+  GErrorPtr error(raw);
+  if (!connection) {
+    reason = "cannot connect to the D-Bus session bus: " + Describe(error, "unknown error");
+    return nullptr;
+  }
+  // The shared session connection would otherwise end the whole process when the bus goes away;
+  // losing the keyring must not take the host down.
+  g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
+
+  auto opened = context.Run(timeout, [](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+    secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, cancellable, callback, data);
+  });
+  if (!opened) {
+    reason = "the Secret Service did not answer in time";
+    return nullptr;
+  }
+  raw = nullptr;
+  GObjectPtr<SecretService> service(secret_service_open_finish(opened.get(), &raw));
+  error.reset(raw);
+  if (!service) {
+    reason = "cannot open the Secret Service: " + Describe(error, "unknown error");
+    return nullptr;
+  }
+
+  SecretService* servicePtr = service.get();
+  auto found = context.Run(timeout, [servicePtr](GCancellable* cancellable, GAsyncReadyCallback callback,
+                                                 gpointer data) {
+    secret_collection_for_alias(servicePtr, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable, callback,
+                                data);
+  });
+  if (!found) {
+    reason = "the Secret Service did not name its default collection in time";
+    return nullptr;
+  }
+  raw = nullptr;
+  GObjectPtr<SecretCollection> collection(secret_collection_for_alias_finish(found.get(), &raw));
+  error.reset(raw);
+  if (!collection) {
+    reason = "the Secret Service has no default collection" + (error ? ": " + Describe(error, "") : std::string());
+    return nullptr;
+  }
+  if (secret_collection_get_locked(collection.get())) {
+    // Unlocking may show the user a password prompt, hence the longer wait.
+    GList* objects = g_list_append(nullptr, collection.get());
+    auto unlocked = context.Run(unlockTimeout, [&](GCancellable* cancellable, GAsyncReadyCallback callback,
+                                                   gpointer data) {
+      secret_service_unlock(servicePtr, objects, cancellable, callback, data);
+    });
+    g_list_free(objects);
+    if (!unlocked) {
+      reason = "the default collection stayed locked (no answer to the unlock request in time)";
+      return nullptr;
+    }
+    raw = nullptr;
+    const gint count = secret_service_unlock_finish(servicePtr, unlocked.get(), nullptr, &raw);
+    error.reset(raw);
+    if (count < 1) {
+      reason = "the default collection stayed locked" + (error ? ": " + Describe(error, "") : std::string());
+      return nullptr;
+    }
+  }
+  return service;
+}
+
+}  // namespace
+
+namespace keychain_detail {
+
+classref::InterfaceRef<IKeychainUtils> OpenSecretService(milliseconds timeout, milliseconds unlockTimeout,
+                                                         std::string& reason) {
+  if (!SessionBusConfigured()) {
+    reason = "no D-Bus session bus";
+    return {};
+  }
+  auto context = std::make_unique<BoundedContext>();
+  GObjectPtr<SecretService> service = Probe(*context, timeout, unlockTimeout, reason);
+  if (!service) return {};
+  return classref::InterfaceRef<IKeychainUtils>(classref::AllocateClassInstance<SecretServiceKeychain>(
+      std::move(context), std::move(service), std::chrono::seconds(10)));
+}
+
+}  // namespace keychain_detail
+
+classref::InterfaceRef<IKeychainUtils> KeychainUtils::CreateSecretServiceKeychain(milliseconds timeout,
+                                                                                milliseconds unlockTimeout) {
+  std::string reason;
+  return keychain_detail::OpenSecretService(timeout, unlockTimeout, reason);
+}
+
+}  // namespace kelcore
