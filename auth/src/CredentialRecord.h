@@ -1,0 +1,32 @@
+#pragma once
+// The credential record: the persisted form of the user's tokens, and the form the sign-in
+// redirect carries in its fragment.
+//
+//   expires=<seconds since 1970>&refreshToken=<token>&token=Bearer%20<access token>&userId=<id>
+//
+// Values are written raw: the service never puts '&' or '=' into them.
+
+#include <string>
+#include <string_view>
+
+#include "kelcore/ImmutableString.h"
+#include "ostriolib/OstrioExport.h"
+
+namespace ostriolib {
+
+struct CredentialRecord {
+  kelcore::ImmutableString userId;
+  kelcore::ImmutableString accessToken;  // bare, without "Bearer "
+  kelcore::ImmutableString refreshToken;
+  kelcore::ImmutableString expiresAt;    // decimal seconds since 1970-01-01 UTC
+};
+
+OSTRIOLIB_EXPORT std::string WriteCredentialRecord(const CredentialRecord& record);
+
+// Items split on runs of '&', each on runs of '='; an item that is not exactly key and value is
+// skipped, and of repeated keys the first counts. The token value loses its first nine characters
+// (the length of "Bearer%20", not compared). false when the text is empty or one of the four keys
+// is missing; fields filled before the failing step keep their values.
+OSTRIOLIB_EXPORT bool ParseCredentialRecord(std::string_view text, CredentialRecord& record);
+
+}  // namespace ostriolib
