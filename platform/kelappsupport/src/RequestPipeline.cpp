@@ -1,0 +1,396 @@
+#include "RequestPipeline.h"
+
+#include <algorithm>
+
+#include "kelcore/Executor.h"
+#include "kelcore/Logging.h"
+#include "kelnet/Constants.h"
+#include "kelnet/URL.h"
+
+namespace kelappsupport::cloudservice::detail {
+namespace {
+
+std::string HostKey(const kelcore::ImmutableString& url) {
+  auto parts = kelnet::ParseURL(url.View());
+  if (!parts) return {};
+  const unsigned port = parts->port ? *parts->port : (parts->scheme == "https" ? 443u : 80u);
+  return parts->scheme + "://" + parts->host + ":" + std::to_string(port);
+}
+
+void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
+  if (!kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Warning)) return;
+  kelcore::logging::Record record;
+  record.level = kelcore::logging::Level::Warning;
+  record.category = "kelappsupport";
+  record.message = std::move(message);
+  record.fields = std::move(fields);
+  kelcore::logging::Log(std::move(record));
+}
+
+}  // namespace
+
+kelcore::utility::Guid NewAttemptId() { return kelcore::utility::Guid::CreateUnique(); }
+
+bool SameHeaderName(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (std::size_t i = 0; i < a.size(); ++i) {
+    char x = a[i];
+    char y = b[i];
+    if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
+    if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
+    if (x != y) return false;
+  }
+  return true;
+}
+
+RequestPipeline::RequestPipeline()
+    : transport_(GetDefaultTransport()), scheduler_(GetDefaultRetryScheduler()) {}
+
+void RequestPipeline::SetThrottling(int maxInFlight, int maxInFlightPerHost) {
+  {
+    std::lock_guard lock(mutex_);
+    maxInFlight_ = maxInFlight;
+    maxInFlightPerHost_ = maxInFlightPerHost;
+  }
+  Pump();
+}
+
+void RequestPipeline::SetRecoverableStatuses(std::vector<int> statuses) {
+  std::lock_guard lock(mutex_);
+  recoverableStatuses_ = std::move(statuses);
+}
+
+void RequestPipeline::SetRetryPolicy(const RetryPolicy& policy) {
+  std::lock_guard lock(mutex_);
+  retryPolicy_ = policy;
+}
+
+RetryPolicy RequestPipeline::GetRetryPolicy() {
+  std::lock_guard lock(mutex_);
+  return retryPolicy_;
+}
+
+void RequestPipeline::SetDownloadPolicy(const DownloadPolicy& policy) {
+  std::lock_guard lock(mutex_);
+  downloadPolicy_ = policy;
+}
+
+DownloadPolicy RequestPipeline::GetDownloadPolicy() {
+  std::lock_guard lock(mutex_);
+  return downloadPolicy_;
+}
+
+void RequestPipeline::SetAuthorization(const kelcore::utility::Guid& id,
+                                       std::function<void(const kelcore::ImmutableString&)> onUnauthenticated,
+                                       int onConnectivityError) {
+  std::lock_guard lock(mutex_);
+  authorizationId_ = id;
+  onUnauthenticated_ = std::move(onUnauthenticated);
+  onConnectivityError_ = onConnectivityError;
+}
+
+void RequestPipeline::SetAuthToken(const kelcore::ImmutableString& value, const kelcore::ImmutableString& headerName) {
+  std::lock_guard lock(mutex_);
+  tokenValue_ = value;
+  tokenHeader_ = headerName;
+}
+
+void RequestPipeline::SetTransport(std::shared_ptr<ITransport> transport) {
+  std::lock_guard lock(mutex_);
+  transport_ = transport ? std::move(transport) : GetDefaultTransport();
+}
+
+void RequestPipeline::SetScheduler(std::shared_ptr<IRetryScheduler> scheduler) {
+  std::lock_guard lock(mutex_);
+  scheduler_ = scheduler ? std::move(scheduler) : GetDefaultRetryScheduler();
+}
+
+std::shared_ptr<ITransport> RequestPipeline::GetTransport() {
+  std::lock_guard lock(mutex_);
+  return transport_;
+}
+
+std::shared_ptr<IRetryScheduler> RequestPipeline::GetScheduler() {
+  std::lock_guard lock(mutex_);
+  return scheduler_;
+}
+
+bool RequestPipeline::HasRoomLocked(const std::string& hostKey) const {
+  if (maxInFlight_ > 0 && inFlight_ >= maxInFlight_) return false;
+  if (maxInFlightPerHost_ > 0) {
+    auto it = inFlightPerHost_.find(hostKey);
+    if (it != inFlightPerHost_.end() && it->second >= maxInFlightPerHost_) return false;
+  }
+  return true;
+}
+
+void RequestPipeline::ReserveLocked(Exchange& exchange) {
+  ++inFlight_;
+  ++inFlightPerHost_[exchange.hostKey];
+  exchange.state = Exchange::State::InFlight;
+  ++exchange.attempts;
+  exchange.attemptId = NewAttemptId();
+  exchange.delivered = false;
+}
+
+void RequestPipeline::ReleaseLocked(const std::string& hostKey) {
+  --inFlight_;
+  auto it = inFlightPerHost_.find(hostKey);
+  if (it != inFlightPerHost_.end() && --it->second <= 0) inFlightPerHost_.erase(it);
+}
+
+std::shared_ptr<Exchange> RequestPipeline::Start(ExchangeSpec spec, ExchangeDone done) {
+  auto exchange = std::make_shared<Exchange>();
+  exchange->hostKey = HostKey(spec.url);
+  exchange->spec = std::move(spec);
+  exchange->done = std::move(done);
+  bool launchNow = false;
+  {
+    std::lock_guard lock(mutex_);
+    exchange->firstStart = scheduler_->Now();
+    // Requests already waiting for this host go first; waiting requests for other hosts are
+    // held by their own host's limit, not by this one's.
+    const bool hostWaiting = std::any_of(queue_.begin(), queue_.end(),
+                                         [&](const auto& queued) { return queued->hostKey == exchange->hostKey; });
+    if (!hostWaiting && HasRoomLocked(exchange->hostKey)) {
+      ReserveLocked(*exchange);
+      launchNow = true;
+    } else {
+      exchange->state = Exchange::State::Queued;
+      queue_.push_back(exchange);
+    }
+  }
+  if (launchNow && !Launch(exchange)) {
+    {
+      std::lock_guard lock(mutex_);
+      ReleaseLocked(exchange->hostKey);
+      exchange->state = Exchange::State::Done;
+    }
+    Pump();
+    return nullptr;
+  }
+  return exchange;
+}
+
+bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
+  kelnet::HeaderMap headers = exchange->spec.headers;
+  kelcore::utility::Guid attemptId;
+  std::shared_ptr<ITransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    attemptId = exchange->attemptId;
+    transport = transport_;
+    // Read per attempt: a retry goes out with the token set since the first attempt.
+    if (exchange->spec.authorize && !tokenHeader_.empty() && !tokenValue_.empty()) {
+      for (auto it = headers.begin(); it != headers.end();) {
+        it = SameHeaderName(it->first.View(), tokenHeader_.View()) ? headers.erase(it) : std::next(it);
+      }
+      headers.emplace(tokenHeader_, tokenValue_);
+    }
+  }
+  auto self = shared_from_this();
+  auto completion = [self, exchange](const kelcore::utility::Guid&, const std::shared_ptr<kelnet::Response>& response) {
+    self->OnAttemptDone(exchange, response);
+  };
+  if (!exchange->spec.streaming) {
+    return transport->Post(attemptId, std::move(completion), exchange->spec.url, exchange->spec.body, headers,
+                           exchange->spec.configuration);
+  }
+  // The exchange is owned through the completion; the data callback only needs to see it.
+  std::weak_ptr<Exchange> weak = exchange;
+  auto onData = [weak](const kelcore::utility::Guid& id, const void* data, std::size_t offset, std::size_t size,
+                       const kelnet::Progress& progress, const kelnet::HeaderMap& responseHeaders) {
+    auto strong = weak.lock();
+    if (!strong) return;
+    strong->delivered = true;
+    strong->spec.onData(id, data, offset, size, progress, responseHeaders);
+  };
+  return transport->StreamingGet(attemptId, std::move(onData), std::move(completion), exchange->spec.url, headers,
+                                 exchange->spec.configuration);
+}
+
+void RequestPipeline::OnAttemptDone(const std::shared_ptr<Exchange>& exchange,
+                                    const std::shared_ptr<kelnet::Response>& response) {
+  bool cancelled = false;
+  bool recoverable = false;
+  int attempts = 0;
+  RetryPolicy policy;
+  std::shared_ptr<IRetryScheduler> scheduler;
+  bool unauthorized = false;
+  {
+    std::lock_guard lock(mutex_);
+    ReleaseLocked(exchange->hostKey);
+    cancelled = exchange->cancelled;
+    attempts = exchange->attempts;
+    policy = retryPolicy_;
+    scheduler = scheduler_;
+    if (response) {
+      const int status = response->StatusCode();
+      recoverable = std::find(recoverableStatuses_.begin(), recoverableStatuses_.end(), status) !=
+                    recoverableStatuses_.end();
+      unauthorized = status == kelnet::kStatusUnauthorized;
+    } else {
+      // A streaming attempt that already delivered bytes is the download's to resume.
+      recoverable = onConnectivityError_ == 1 && !exchange->delivered;
+    }
+  }
+  Pump();
+  if (unauthorized) NotifyUnauthenticated();
+
+  if (!cancelled && recoverable && attempts < policy.maxAttempts) {
+    std::optional<std::chrono::milliseconds> retryAfter;
+    if (response) {
+      retryAfter = ParseRetryAfter(response->LastHeader(kelnet::kHEADER_RETRY_AFTER.View()).View(),
+                                   std::chrono::system_clock::now());
+    }
+    if (!retryAfter || *retryAfter <= policy.maxRetryAfter) {
+      const auto delay = BackoffDelay(policy, attempts, scheduler->Jitter(), retryAfter);
+      if (scheduler->Now() + delay - exchange->firstStart <= policy.maxTotal) {
+        {
+          std::lock_guard lock(mutex_);
+          exchange->state = Exchange::State::Waiting;
+        }
+        auto self = shared_from_this();
+        if (scheduler->ScheduleAfter(delay, [self, exchange] { self->Requeue(exchange); })) return;
+      }
+    }
+  }
+  Finish(exchange, response);
+}
+
+void RequestPipeline::Requeue(const std::shared_ptr<Exchange>& exchange) {
+  bool launchNow = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (exchange->cancelled) {
+      exchange->state = Exchange::State::Done;
+    } else if (HasRoomLocked(exchange->hostKey)) {
+      ReserveLocked(*exchange);
+      launchNow = true;
+    } else {
+      // It was admitted once already: it goes ahead of requests that have not been.
+      exchange->state = Exchange::State::Queued;
+      queue_.push_front(exchange);
+      return;
+    }
+  }
+  if (!launchNow) {
+    Finish(exchange, nullptr);
+    return;
+  }
+  if (!Launch(exchange)) {
+    {
+      std::lock_guard lock(mutex_);
+      ReleaseLocked(exchange->hostKey);
+    }
+    Finish(exchange, nullptr);
+    Pump();
+  }
+}
+
+void RequestPipeline::Pump() {
+  while (true) {
+    std::vector<std::shared_ptr<Exchange>> ready;
+    {
+      std::lock_guard lock(mutex_);
+      for (auto it = queue_.begin(); it != queue_.end();) {
+        if (maxInFlight_ > 0 && inFlight_ >= maxInFlight_) break;
+        if (HasRoomLocked((*it)->hostKey)) {
+          ReserveLocked(**it);
+          ready.push_back(std::move(*it));
+          it = queue_.erase(it);
+        } else {
+          ++it;
+        }
+      }
+    }
+    if (ready.empty()) return;
+    bool refused = false;
+    for (auto& exchange : ready) {
+      if (Launch(exchange)) continue;
+      // Refused (the transport is shut down): the request ends here, and its slot goes to the next.
+      {
+        std::lock_guard lock(mutex_);
+        ReleaseLocked(exchange->hostKey);
+      }
+      Finish(exchange, nullptr);
+      refused = true;
+    }
+    if (!refused) return;
+  }
+}
+
+void RequestPipeline::Cancel(const std::shared_ptr<Exchange>& exchange) {
+  if (!exchange) return;
+  kelcore::utility::Guid attemptId;
+  std::shared_ptr<ITransport> transport;
+  {
+    std::lock_guard lock(mutex_);
+    if (exchange->cancelled || exchange->state == Exchange::State::Done) return;
+    exchange->cancelled = true;
+    switch (exchange->state) {
+      case Exchange::State::Queued: {
+        auto it = std::find(queue_.begin(), queue_.end(), exchange);
+        if (it != queue_.end()) queue_.erase(it);
+        break;
+      }
+      case Exchange::State::InFlight:
+        attemptId = exchange->attemptId;
+        transport = transport_;
+        break;
+      case Exchange::State::Waiting:  // the timer finds it cancelled
+      case Exchange::State::Done:
+        return;
+    }
+  }
+  if (transport) {
+    transport->Cancel(attemptId);
+  } else {
+    Finish(exchange, nullptr);
+  }
+}
+
+void RequestPipeline::Finish(const std::shared_ptr<Exchange>& exchange,
+                             const std::shared_ptr<kelnet::Response>& response) {
+  ExchangeDone done;
+  {
+    std::lock_guard lock(mutex_);
+    exchange->state = Exchange::State::Done;
+    done = std::move(exchange->done);
+  }
+  if (!done) return;
+  try {
+    done(response, exchange->delivered);
+  } catch (const std::exception& error) {
+    LogWarning("request completion threw", {{"what", error.what()}});
+  } catch (...) {
+    LogWarning("request completion threw", {});
+  }
+}
+
+void RequestPipeline::NotifyUnauthenticated() {
+  std::function<void(const kelcore::ImmutableString&)> callback;
+  kelcore::utility::Guid id;
+  {
+    std::lock_guard lock(mutex_);
+    callback = onUnauthenticated_;
+    id = authorizationId_;
+  }
+  if (!callback) return;
+  LogWarning("request unauthorized", {{"processor", id.ToString()}});
+  auto run = [callback] {
+    try {
+      callback(kelcore::ImmutableString());
+    } catch (...) {
+      LogWarning("unauthenticated handler threw", {});
+    }
+  };
+  // The handler is the application's: it runs on an executor thread, not the network thread.
+  if (auto executor = kelcore::async::GetDefaultExecutor()) {
+    executor->Post(std::move(run));
+  } else {
+    run();
+  }
+}
+
+}  // namespace kelappsupport::cloudservice::detail

@@ -1,0 +1,359 @@
+#include "SegmentedDownload.h"
+
+#include <algorithm>
+#include <charconv>
+
+#include "kelcore/Logging.h"
+#include "kelnet/Constants.h"
+
+namespace kelappsupport::cloudservice::detail {
+namespace {
+
+constexpr std::uint64_t kMinPieceBytes = 1ull << 20;
+
+std::string_view Trim(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+  return text;
+}
+
+// "bytes a-b/total": the total, or nullopt when it is "*" or unreadable.
+std::optional<std::uint64_t> ContentRangeTotal(std::string_view value) {
+  const auto slash = value.rfind('/');
+  if (slash == std::string_view::npos) return std::nullopt;
+  const auto text = Trim(value.substr(slash + 1));
+  std::uint64_t total = 0;
+  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), total);
+  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return total;
+}
+
+kelnet::HeaderMap::const_iterator FindHeader(const kelnet::HeaderMap& headers,
+                                                   const kelcore::ImmutableString& name) {
+  return headers.find(name);
+}
+
+std::shared_ptr<kelnet::Response> Failure(int status, std::string_view reason) {
+  return std::make_shared<kelnet::Response>(status, kelnet::HeaderMap{}, std::string(reason));
+}
+
+void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
+  if (!kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Warning)) return;
+  kelcore::logging::Record record;
+  record.level = kelcore::logging::Level::Warning;
+  record.category = "kelappsupport";
+  record.message = std::move(message);
+  record.fields = std::move(fields);
+  kelcore::logging::Log(std::move(record));
+}
+
+}  // namespace
+
+SegmentedDownload::SegmentedDownload(std::shared_ptr<RequestPipeline> pipeline, Request request)
+    : pipeline_(std::move(pipeline)),
+      request_(std::move(request)),
+      policy_(pipeline_->GetDownloadPolicy()),
+      retryPolicy_(pipeline_->GetRetryPolicy()) {}
+
+bool SegmentedDownload::Start() {
+  auto probe = std::make_shared<Piece>();
+  probe->probe = true;
+  probe->end = std::max<std::uint64_t>(1, policy_.probeBytes);
+  {
+    std::lock_guard lock(mutex_);
+    probeEnd_ = probe->end;
+    running_.insert(probe);
+  }
+  if (Launch(probe)) return true;
+  std::lock_guard lock(mutex_);
+  running_.erase(probe);
+  finished_ = true;
+  return false;
+}
+
+bool SegmentedDownload::Launch(const PiecePtr& piece) {
+  ExchangeSpec spec;
+  spec.url = request_.url;
+  spec.headers = request_.headers;
+  spec.configuration = request_.configuration;
+  spec.authorize = request_.authorize;
+  spec.streaming = true;
+  {
+    std::lock_guard lock(mutex_);
+    piece->answerSeen = false;
+    piece->nextAtAttemptStart = piece->next;
+    if (!piece->whole) {
+      std::string range = "bytes=" + std::to_string(piece->next) + "-";
+      if (piece->end != kOpenEnd) range += std::to_string(piece->end - 1);
+      spec.headers.emplace(kelnet::kHEADER_RANGE, kelcore::ImmutableString(range));
+      if (!validator_.empty()) spec.headers.emplace(kelnet::kHEADER_IF_RANGE, validator_);
+    }
+    if (mode_ == Mode::Segmented && policy_.separateConnections) spec.configuration.allowHttp2 = false;
+  }
+  auto self = shared_from_this();
+  spec.onData = [self, piece](const kelcore::utility::Guid& attemptId, const void* data, std::size_t offset,
+                              std::size_t size, const kelnet::Progress& progress, const kelnet::HeaderMap& headers) {
+    self->OnData(piece, attemptId, data, offset, size, progress, headers);
+  };
+  auto exchange = pipeline_->Start(std::move(spec), [self, piece](const std::shared_ptr<kelnet::Response>& response,
+                                                                  bool) { self->OnDone(piece, response); });
+  if (!exchange) return false;
+  std::lock_guard lock(mutex_);
+  piece->exchange = std::move(exchange);
+  return true;
+}
+
+void SegmentedDownload::OnData(const PiecePtr& piece, const kelcore::utility::Guid& attemptId, const void* data,
+                               std::size_t offset, std::size_t size, const kelnet::Progress& attemptProgress,
+                               const kelnet::HeaderMap& headers) {
+  bool startWorkers = false;
+  kelnet::Progress progress;
+  std::vector<std::shared_ptr<Exchange>> cancel;
+  {
+    std::lock_guard lock(mutex_);
+    if (failed_ || finished_) {
+      cancel.push_back(piece->exchange);
+    } else {
+      const auto range = FindHeader(headers, kelnet::kHEADER_CONTENT_RANGE);
+      const bool ranged = range != headers.end();
+      if (!piece->answerSeen) {
+        piece->answerSeen = true;
+        if (piece->probe && mode_ == Mode::Probing) {
+          firstHeaders_ = headers;
+          if (!ranged) {
+            // The server sends the whole resource whatever we ask: this answer is the download.
+            mode_ = Mode::Whole;
+            piece->whole = true;
+            piece->end = kOpenEnd;
+          } else {
+            if (auto total = ContentRangeTotal(range->second.View())) {
+              total_ = *total;
+              totalKnown_ = true;
+              piece->end = std::min(piece->end, total_);
+            }
+            // A weak ETag cannot guard a range; Last-Modified can, at one-second resolution.
+            const auto etag = FindHeader(headers, kelnet::kHEADER_ETAG);
+            const auto modified = FindHeader(headers, kelnet::kHEADER_LAST_MODIFIED);
+            if (etag != headers.end() && !etag->second.empty() && etag->second.View().substr(0, 2) != "W/") {
+              validator_ = etag->second;
+            } else if (modified != headers.end() && !modified->second.empty()) {
+              validator_ = modified->second;
+            }
+            if (totalKnown_ && total_ > piece->end && total_ > policy_.segmentThreshold && !validator_.empty() &&
+                policy_.maxSegments > 1) {
+              mode_ = Mode::Segmented;
+              cursor_ = piece->end;
+              startWorkers = true;
+            } else {
+              mode_ = Mode::Single;
+            }
+          }
+        } else if (!ranged || piece->whole) {
+          if (!piece->whole) {
+            // A full answer to a guarded range: the resource is no longer the one we started on.
+            cancel = FailLocked(Failure(kelnet::kStatusPreconditionFailed, "resource changed during download"));
+            cancel.push_back(piece->exchange);
+          }
+        }
+      }
+      if (cancel.empty() && !piece->whole && offset != piece->next) {
+        // Bytes from somewhere we did not ask for would land at the wrong place.
+        cancel = FailLocked(Failure(kelnet::kStatusPreconditionFailed, "range answer out of place"));
+        cancel.push_back(piece->exchange);
+      }
+      if (cancel.empty()) {
+        if (piece->end != kOpenEnd && piece->next + size > piece->end) {
+          size = static_cast<std::size_t>(piece->end > piece->next ? piece->end - piece->next : 0);
+        }
+        piece->next += size;
+        delivered_ += size;
+        progress.bytesReceived = delivered_;
+        progress.totalBytes = totalKnown_ ? total_ : attemptProgress.totalBytes;
+      }
+    }
+  }
+  if (!cancel.empty()) {
+    // Stop this attempt's bytes at once, then whatever else is running.
+    pipeline_->GetTransport()->Cancel(attemptId);
+    CancelAll(cancel);
+    return;
+  }
+  if (size > 0) request_.onData(request_.requestId, data, offset, size, progress, headers);
+  if (startWorkers) FillWorkers();
+}
+
+void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<kelnet::Response>& response) {
+  std::vector<std::shared_ptr<Exchange>> cancel;
+  bool resume = false;
+  bool fill = false;
+  PiecePtr next;
+  {
+    std::lock_guard lock(mutex_);
+    piece->exchange.reset();
+    if (failed_ || finished_) {
+      running_.erase(piece);
+    } else if (response && response->IsSuccess()) {
+      if (piece->probe) httpVersion_ = response->HttpVersion();
+      if (piece->whole || (piece->probe && mode_ == Mode::Probing)) {
+        // The whole resource in one answer (or an empty one, which carries no bytes to look at).
+        wholeResponse_ = response;
+        mode_ = Mode::Whole;
+        running_.erase(piece);
+      } else if (piece->end == kOpenEnd || piece->next >= piece->end) {
+        running_.erase(piece);
+        if (piece->end == kOpenEnd && !totalKnown_) {
+          total_ = piece->next;
+          totalKnown_ = true;
+        }
+        if (piece->probe && mode_ == Mode::Single && (!totalKnown_ || total_ > piece->end)) {
+          next = std::make_shared<Piece>();
+          next->start = next->next = piece->end;
+          next->end = totalKnown_ ? total_ : kOpenEnd;
+          running_.insert(next);
+        }
+        fill = mode_ == Mode::Segmented;
+      } else {
+        // A shorter range than asked for is allowed; ask again for the rest.
+        resume = true;
+      }
+    } else if (response) {
+      if (piece->probe && !piece->answerSeen && response->StatusCode() == kelnet::kStatusRangeNotSatisfiable) {
+        // An empty resource has no byte 0: ask for it plainly.
+        piece->whole = true;
+        piece->end = kOpenEnd;
+        mode_ = Mode::Whole;
+        next = piece;
+      } else {
+        cancel = FailLocked(response);
+        running_.erase(piece);
+      }
+    } else if (piece->whole) {
+      // Without ranges there is no resuming: the bytes so far cannot be trusted to continue.
+      cancel = FailLocked(nullptr);
+      running_.erase(piece);
+    } else {
+      resume = true;
+    }
+    if (resume) {
+      if (piece->next > piece->nextAtAttemptStart) piece->failures = 0;
+      if (++piece->failures > policy_.maxResumes) {
+        LogWarning("download gave up after repeated break-offs", {});
+        cancel = FailLocked(nullptr);
+        running_.erase(piece);
+        resume = false;
+      }
+    }
+  }
+  CancelAll(cancel);
+  if (resume) {
+    // A piece that made progress comes back at once; one that keeps failing backs off.
+    auto scheduler = pipeline_->GetScheduler();
+    const int failures = piece->failures;
+    const auto delay =
+        failures <= 1 ? std::chrono::milliseconds(0) : BackoffDelay(retryPolicy_, failures - 1, scheduler->Jitter());
+    auto self = shared_from_this();
+    if (!scheduler->ScheduleAfter(delay, [self, piece] { self->Resume(piece); })) {
+      std::unique_lock lock(mutex_);
+      auto more = FailLocked(nullptr);
+      running_.erase(piece);
+      lock.unlock();
+      CancelAll(more);
+    }
+  }
+  if (next) Resume(next);
+  if (fill) FillWorkers();
+  FinishIfSettled();
+}
+
+void SegmentedDownload::Resume(const PiecePtr& piece) {
+  bool stopped = false;
+  {
+    std::lock_guard lock(mutex_);
+    stopped = failed_ || finished_;
+    if (stopped) running_.erase(piece);
+  }
+  if (!stopped && !Launch(piece)) {
+    std::unique_lock lock(mutex_);
+    auto cancel = FailLocked(nullptr);
+    running_.erase(piece);
+    lock.unlock();
+    CancelAll(cancel);
+  }
+  FinishIfSettled();
+}
+
+void SegmentedDownload::FillWorkers() {
+  std::vector<PiecePtr> launch;
+  {
+    std::lock_guard lock(mutex_);
+    while (!failed_ && !finished_ && cursor_ < total_ && static_cast<int>(running_.size()) < policy_.maxSegments) {
+      // Pieces shrink towards the end so that the last ones finish together rather than one
+      // long piece running alone.
+      const std::uint64_t remaining = total_ - cursor_;
+      const std::uint64_t share = remaining / static_cast<std::uint64_t>(std::max(1, policy_.maxSegments));
+      const std::uint64_t size =
+          std::min(remaining, std::clamp(share, kMinPieceBytes, std::max(kMinPieceBytes, policy_.pieceBytes)));
+      auto piece = std::make_shared<Piece>();
+      piece->start = piece->next = cursor_;
+      piece->end = cursor_ + size;
+      cursor_ += size;
+      running_.insert(piece);
+      launch.push_back(std::move(piece));
+    }
+  }
+  for (const auto& piece : launch) {
+    if (Launch(piece)) continue;
+    std::vector<std::shared_ptr<Exchange>> cancel;
+    {
+      std::lock_guard lock(mutex_);
+      cancel = FailLocked(nullptr);
+      running_.erase(piece);
+    }
+    CancelAll(cancel);
+  }
+}
+
+std::vector<std::shared_ptr<Exchange>> SegmentedDownload::FailLocked(std::shared_ptr<kelnet::Response> response) {
+  std::vector<std::shared_ptr<Exchange>> cancel;
+  if (failed_) return cancel;
+  failed_ = true;
+  failure_ = std::move(response);
+  for (const auto& piece : running_) {
+    if (piece->exchange) cancel.push_back(piece->exchange);
+  }
+  return cancel;
+}
+
+void SegmentedDownload::CancelAll(const std::vector<std::shared_ptr<Exchange>>& exchanges) {
+  for (const auto& exchange : exchanges) pipeline_->Cancel(exchange);
+}
+
+std::shared_ptr<kelnet::Response> SegmentedDownload::SuccessResponseLocked() {
+  if (wholeResponse_) return wholeResponse_;
+  if (!totalKnown_ || delivered_ != total_) return nullptr;
+  kelnet::HeaderMap headers;
+  for (const auto& [name, value] : firstHeaders_) {
+    if (name == kelnet::kHEADER_CONTENT_RANGE || name == kelnet::kHEADER_CONTENT_LENGTH) continue;
+    headers.emplace(name, value);
+  }
+  headers.emplace(kelnet::kHEADER_CONTENT_LENGTH, kelcore::ImmutableString(std::to_string(total_)));
+  return std::make_shared<kelnet::Response>(kelnet::kStatusOK, std::move(headers), std::string(), httpVersion_);
+}
+
+void SegmentedDownload::FinishIfSettled() {
+  std::shared_ptr<kelnet::Response> response;
+  {
+    std::lock_guard lock(mutex_);
+    if (finished_ || !running_.empty()) return;
+    if (!failed_ && mode_ == Mode::Segmented && cursor_ < total_) return;  // more pieces are on their way
+    finished_ = true;
+    response = failed_ ? failure_ : SuccessResponseLocked();
+  }
+  try {
+    request_.completion(request_.requestId, response);
+  } catch (...) {
+    LogWarning("download completion threw", {});
+  }
+}
+
+}  // namespace kelappsupport::cloudservice::detail

@@ -1,0 +1,166 @@
+#include "kelappsupport/ServiceBase.h"
+
+#include <algorithm>
+
+#include "RequestPipeline.h"
+#include "SegmentedDownload.h"
+#include "kelcore/ResultCodes.h"
+#include "kelnet/Constants.h"
+#include "kelnet/URL.h"
+
+namespace kelappsupport::cloudservice {
+namespace {
+
+bool IsHeaderNameToken(std::string_view name) {
+  if (name.empty()) return false;
+  return std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
+  });
+}
+
+bool HasHeader(const kelnet::HeaderMap& headers, std::string_view name) {
+  return std::any_of(headers.begin(), headers.end(),
+                     [&](const auto& entry) { return detail::SameHeaderName(entry.first.View(), name); });
+}
+
+}  // namespace
+
+ServiceBase::ServiceBase() : pipeline_(std::make_shared<detail::RequestPipeline>()) {}
+
+ServiceBase::~ServiceBase() = default;
+
+int ServiceBase::ConfigureRequestThrottling(int maxInFlight, int maxInFlightPerHost) {
+  if (maxInFlight <= 0 || maxInFlightPerHost <= 0) return kelcore::kErrorInvalidArgument;
+  pipeline_->SetThrottling(maxInFlight, maxInFlightPerHost);
+  return kelcore::kResultOK;
+}
+
+int ServiceBase::ConfigureForRecoverableErrorProcessor(std::vector<int> statuses) {
+  for (int status : statuses) {
+    if (status < 100 || status > 599) return kelcore::kErrorInvalidArgument;
+  }
+  pipeline_->SetRecoverableStatuses(std::move(statuses));
+  return kelcore::kResultOK;
+}
+
+int ServiceBase::ConfigureRetryPolicy(const RetryPolicy& policy) {
+  if (policy.maxAttempts < 1 || policy.multiplier < 1.0 || policy.initialBackoff.count() < 0 ||
+      policy.maxBackoff.count() < 0 || policy.maxTotal.count() < 0) {
+    return kelcore::kErrorInvalidArgument;
+  }
+  pipeline_->SetRetryPolicy(policy);
+  return kelcore::kResultOK;
+}
+
+int ServiceBase::ConfigureForAuthorizationProcessor(
+    const kelcore::utility::Guid& id, std::function<void(const kelcore::ImmutableString&)> onUnauthenticated,
+    int onConnectivityError) {
+  if (onConnectivityError != kConnectivityErrorReport && onConnectivityError != kConnectivityErrorRetry) {
+    return kelcore::kErrorInvalidArgument;
+  }
+  pipeline_->SetAuthorization(id, std::move(onUnauthenticated), onConnectivityError);
+  return kelcore::kResultOK;
+}
+
+int ServiceBase::ConfigureDownloads(const DownloadPolicy& policy) {
+  if (policy.maxSegments < 1 || policy.maxResumes < 0 || policy.probeBytes == 0 || policy.pieceBytes == 0) {
+    return kelcore::kErrorInvalidArgument;
+  }
+  pipeline_->SetDownloadPolicy(policy);
+  return kelcore::kResultOK;
+}
+
+void ServiceBase::SetTransport(std::shared_ptr<ITransport> transport) { pipeline_->SetTransport(std::move(transport)); }
+
+void ServiceBase::SetRetryScheduler(std::shared_ptr<IRetryScheduler> scheduler) {
+  pipeline_->SetScheduler(std::move(scheduler));
+}
+
+int ServiceBase::SetAuthToken(const kelcore::ImmutableString& value, const kelcore::ImmutableString& headerName) {
+  if (!IsHeaderNameToken(headerName.View())) return kelcore::kErrorInvalidArgument;
+  const auto text = value.View();
+  if (std::any_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; })) {
+    return kelcore::kErrorInvalidArgument;
+  }
+  pipeline_->SetAuthToken(value, headerName);
+  return kelcore::kResultOK;
+}
+
+void ServiceBase::AddCommonHeaders(kelnet::HeaderMap& /*headers*/) {}
+
+kelnet::HeaderMap ServiceBase::BuildHeaders(const kelnet::HeaderMap& headers) {
+  kelnet::HeaderMap common;
+  AddCommonHeaders(common);
+  kelnet::HeaderMap result = headers;
+  for (auto& [name, value] : common) {
+    if (!HasHeader(headers, name.View())) result.emplace(name, value);
+  }
+  return result;
+}
+
+int ServiceBase::HttpPost(const kelcore::utility::Guid& requestId, kelnet::Completion completion,
+                          const kelcore::ImmutableString& url,
+                          std::shared_ptr<const kelcore::allocator::RecycledMemory> body,
+                          const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration,
+                          bool authorize) {
+  if (!completion || !kelnet::IsValidURL(url.View())) return kelcore::kErrorInvalidArgument;
+  detail::ExchangeSpec spec;
+  spec.url = url;
+  spec.headers = BuildHeaders(headers);
+  spec.body = std::move(body);
+  spec.configuration = configuration;
+  spec.authorize = authorize;
+  auto done = [requestId, completion = std::move(completion)](const std::shared_ptr<kelnet::Response>& response,
+                                                              bool) { completion(requestId, response); };
+  return pipeline_->Start(std::move(spec), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
+}
+
+int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelnet::DataCallback onData,
+                                  kelnet::Completion completion, const kelcore::ImmutableString& url,
+                                  const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration,
+                                  bool authorize) {
+  if (!onData || !completion || !kelnet::IsValidURL(url.View())) return kelcore::kErrorInvalidArgument;
+  kelnet::HeaderMap all = BuildHeaders(headers);
+  if (HasHeader(all, kelnet::kHEADER_RANGE.View())) {
+    // The caller wants a particular range: theirs to interpret, so it goes out as asked.
+    detail::ExchangeSpec spec;
+    spec.url = url;
+    spec.headers = std::move(all);
+    spec.configuration = configuration;
+    spec.authorize = authorize;
+    spec.streaming = true;
+    spec.onData = [requestId, onData = std::move(onData)](const kelcore::utility::Guid&, const void* data,
+                                                           std::size_t offset, std::size_t size,
+                                                           const kelnet::Progress& progress,
+                                                           const kelnet::HeaderMap& responseHeaders) {
+      onData(requestId, data, offset, size, progress, responseHeaders);
+    };
+    auto done = [requestId, completion = std::move(completion)](const std::shared_ptr<kelnet::Response>& response,
+                                                                bool) { completion(requestId, response); };
+    return pipeline_->Start(std::move(spec), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
+  }
+  detail::SegmentedDownload::Request request;
+  request.requestId = requestId;
+  request.onData = std::move(onData);
+  request.completion = std::move(completion);
+  request.url = url;
+  request.headers = std::move(all);
+  request.configuration = configuration;
+  request.authorize = authorize;
+  auto download = std::make_shared<detail::SegmentedDownload>(pipeline_, std::move(request));
+  return download->Start() ? kelcore::kResultOK : kelcore::kErrorFailed;
+}
+
+const kelcore::ImmutableString& ServiceBase::GetUnknownTypeName() const {
+  static const kelcore::ImmutableString name(kelcore::debug::GetTypeName<ServiceBase>());
+  return name;
+}
+
+void* ServiceBase::QueryMap(std::string_view interfaceName) {
+  if (interfaceName == kelcore::debug::GetTypeName<IService>()) return static_cast<IService*>(this);
+  if (interfaceName == kelcore::debug::GetTypeName<ServiceBase>()) return static_cast<ServiceBase*>(this);
+  return nullptr;
+}
+
+}  // namespace kelappsupport::cloudservice
