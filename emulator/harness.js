@@ -17,6 +17,11 @@ const SERVER = path.join(__dirname, 'server.js');
 const START_TIMEOUT_MS = 20000;
 const REQUEST_TIMEOUT_MS = 30000;
 
+// Emulators still running when the test process ends (a failed before(), a forgotten stop())
+// are killed with it rather than left listening.
+const running = new Set();
+process.on('exit', () => { for (const proc of running) proc.kill('SIGKILL'); });
+
 function tempDir() {
   return fs.mkdtempSync(path.join(os.tmpdir(), 'ostrio-emu-test-'));
 }
@@ -130,7 +135,13 @@ class Emulator {
     let code = this.proc.exitCode;
     if (code === null && this.proc.signalCode === null) {
       this.proc.kill('SIGTERM');
-      code = await exited(this.proc, 10000);
+      try {
+        code = await exited(this.proc, 10000);
+      } catch (err) {
+        // A wedged emulator must not outlive the test run.
+        this.proc.kill('SIGKILL');
+        throw err;
+      }
     }
     if (this.ownsState) fs.rmSync(this.stateDir, { recursive: true, force: true });
     return code;
@@ -142,6 +153,8 @@ class Emulator {
 async function startEmulator(args = [], { stateDir } = {}) {
   const dir = stateDir || tempDir();
   const proc = spawn(process.execPath, [SERVER, '--port', '0', '--state', dir, '--quiet', ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
+  running.add(proc);
+  proc.once('exit', () => running.delete(proc));
   try {
     return new Emulator(proc, await firstLine(proc), dir, !stateDir);
   } catch (err) {

@@ -147,7 +147,8 @@ class Emulator {
       if (control) return await this.send(ctx, this.control(req, path.slice('/_emulator'.length).replace(/\/$/, ''), body), null);
 
       const route = this.routeOf(role, req.method, path);
-      if (route === 'graphql' && ctx.entry) this.describeGraphql(ctx.entry, body);
+      const parsed = route === 'graphql' ? GraphqlEndpoint.parseBody(body) : undefined;
+      if (route === 'graphql' && ctx.entry) this.describeGraphql(ctx.entry, parsed);
       const fault = route ? this.faults.take(route) : null;
       if (fault && fault.delayMs) await waitFor(ctx, fault.delayMs);
       if (ctx.closed) return;
@@ -160,7 +161,7 @@ class Emulator {
       } else if (fault && fault.graphqlError !== undefined) {
         plan = json(200, { errors: [{ message: fault.graphqlError }], data: null });
       } else {
-        plan = this.answer(ctx, role, route, path, search, body);
+        plan = this.answer(ctx, role, route, path, search, body, parsed);
       }
       await this.send(ctx, plan, fault);
     } catch (err) {
@@ -204,19 +205,17 @@ class Emulator {
     return null;
   }
 
-  describeGraphql(entry, body) {
-    let parsed;
-    try { parsed = JSON.parse(body.toString('utf8')); } catch { return; }
+  describeGraphql(entry, parsed) {
     if (!parsed || typeof parsed !== 'object' || typeof parsed.query !== 'string') return;
     entry.graphql = { operationName: this.graphql.operationName(parsed), ...identifyQuery(parsed.query) };
   }
 
-  answer(ctx, role, route, path, search, body) {
+  answer(ctx, role, route, path, search, body, parsed) {
     const { req } = ctx;
     if (!role) return json(404, { error: 'unknown host', host: ctx.entry && ctx.entry.host });
     switch (route) {
       case 'graphql':
-        return this.graphql.handle(req, body).plan;
+        return this.graphql.handle(req, parsed);
       case 'refresh':
         return this.refresh(req, safeDecode(REFRESH_RE.exec(path)[1]));
       case 'media': {
@@ -411,6 +410,7 @@ class Emulator {
     while (pos < end) {
       if (ctx.closed) return;
       const chunk = source.chunkAt(pos, Math.min(end - pos, slice));
+      if (!chunk.length) throw new Error(`body source yielded nothing at ${pos} of ${end}`);
       pos += chunk.length;
       let ok;
       if (flush) last = new Promise((resolve) => { ok = res.write(chunk, () => resolve()); });

@@ -68,35 +68,40 @@ class GraphqlEndpoint {
     return op && op.name ? op.name.value : null;
   }
 
-  // Returns {plan, parsed} where parsed is the request body when it was a JSON object.
-  handle(req, rawBody) {
-    if (req.method !== 'POST') return { plan: json(405, { errors: [{ message: 'use POST' }] }, { allow: 'POST' }) };
+  // The request body as JSON, or undefined when it is not JSON.
+  static parseBody(rawBody) {
+    try {
+      return JSON.parse(rawBody.toString('utf8'));
+    } catch {
+      return undefined;
+    }
+  }
+
+  // Returns the answer plan. `body` is the result of parseBody, computed once by the caller,
+  // who also logs it.
+  handle(req, body) {
+    if (req.method !== 'POST') return json(405, { errors: [{ message: 'use POST' }] }, { allow: 'POST' });
     const type = String(req.headers['content-type'] || '');
     if (!/^application\/json\s*(;|$)/i.test(type)) {
-      return { plan: json(415, { errors: [{ message: `content-type must be application/json, got ${JSON.stringify(type)}` }] }) };
+      return json(415, { errors: [{ message: `content-type must be application/json, got ${JSON.stringify(type)}` }] });
     }
-    let body;
-    try {
-      body = JSON.parse(rawBody.toString('utf8'));
-    } catch {
-      return { plan: json(400, { errors: [{ message: 'request body is not valid JSON' }] }) };
-    }
+    if (body === undefined) return json(400, { errors: [{ message: 'request body is not valid JSON' }] });
     if (!body || typeof body !== 'object' || Array.isArray(body)) {
-      return { plan: json(400, { errors: [{ message: 'request body must be a JSON object' }] }) };
+      return json(400, { errors: [{ message: 'request body must be a JSON object' }] });
     }
-    if (typeof body.query !== 'string') return { plan: json(400, { errors: [{ message: '"query" must be a string' }] }), parsed: body };
+    if (typeof body.query !== 'string') return json(400, { errors: [{ message: '"query" must be a string' }] });
     if (body.variables != null && (typeof body.variables !== 'object' || Array.isArray(body.variables))) {
-      return { plan: json(400, { errors: [{ message: '"variables" must be an object' }] }), parsed: body };
+      return json(400, { errors: [{ message: '"variables" must be an object' }] });
     }
     if (body.operationName != null && typeof body.operationName !== 'string') {
-      return { plan: json(400, { errors: [{ message: '"operationName" must be a string' }] }), parsed: body };
+      return json(400, { errors: [{ message: '"operationName" must be a string' }] });
     }
 
     const user = this.authenticate(req);
-    if (!user) return { plan: json(200, UNAUTHENTICATED), parsed: body };
+    if (!user) return json(200, UNAUTHENTICATED);
 
     const { document, errors } = this.prepared(body.query);
-    if (errors.length) return { plan: json(200, { errors: errors.map((e) => e.toJSON()) }), parsed: body };
+    if (errors.length) return json(200, { errors: errors.map((e) => e.toJSON()) });
     const result = execute({
       schema: this.schema,
       document,
@@ -107,7 +112,7 @@ class GraphqlEndpoint {
     const out = {};
     if (result.errors) out.errors = result.errors.map((e) => e.toJSON());
     if ('data' in result) out.data = result.data;
-    return { plan: json(200, out), parsed: body };
+    return json(200, out);
   }
 
   authenticate(req) {
