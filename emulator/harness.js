@@ -22,6 +22,29 @@ const REQUEST_TIMEOUT_MS = 30000;
 const running = new Set();
 process.on('exit', () => { for (const proc of running) proc.kill('SIGKILL'); });
 
+// One HTTP/2 request on an open session. Resolves when the stream ends or is reset, with
+// {status, received, body (unless onData consumes the bytes), rstCode}.
+function h2Request(client, headers, { onData, timeoutMs = REQUEST_TIMEOUT_MS } = {}) {
+  return new Promise((resolve, reject) => {
+    const req = client.request(headers);
+    const chunks = [];
+    let status = null;
+    let received = 0;
+    const done = () => resolve({ status, received, body: onData ? null : Buffer.concat(chunks), rstCode: req.rstCode });
+    req.setTimeout(timeoutMs, () => { req.close(); reject(new Error(`HTTP/2 request timed out after ${timeoutMs} ms`)); });
+    req.on('response', (h) => { status = h[':status']; });
+    req.on('data', (c) => {
+      if (onData) onData(c, received);
+      else chunks.push(c);
+      received += c.length;
+    });
+    req.on('end', done);
+    req.on('error', done);
+    req.on('close', done);
+    req.end();
+  });
+}
+
 function tempDir() {
   return fs.mkdtempSync(path.join(os.tmpdir(), 'ostrio-emu-test-'));
 }
@@ -163,4 +186,4 @@ async function startEmulator(args = [], { stateDir } = {}) {
   }
 }
 
-module.exports = { startEmulator, tempDir, exited, SERVER };
+module.exports = { startEmulator, h2Request, tempDir, exited, SERVER };

@@ -3,7 +3,7 @@
 const assert = require('node:assert/strict');
 const http2 = require('node:http2');
 const { describe, it, before, after, beforeEach } = require('node:test');
-const { startEmulator } = require('../harness');
+const { startEmulator, h2Request } = require('../harness');
 const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
 const { expectedBytes } = require('../lib/media');
 
@@ -88,6 +88,7 @@ describe('fault injection', { timeout: 60000 }, () => {
     await arm({ route: 'graphql', graphqlError: 'boom' });
     assert.deepEqual((await me()).json, { errors: [{ message: 'boom' }], data: null });
     assert.deepEqual((await me()).json, normal.json);
+    assert.deepEqual((await emu.control('GET', '/faults')).json.faults, []);
   });
 
   it('delays and slows answers', async () => {
@@ -101,6 +102,7 @@ describe('fault injection', { timeout: 60000 }, () => {
     const slow = await synthetic(10000);
     assert.ok(Date.now() - t0 >= 400, `10 000 bytes at 20 000 B/s took ${Date.now() - t0} ms`);
     assert.ok(slow.body.equals(expectedBytes(10000, 0)));
+    assert.deepEqual((await emu.control('GET', '/faults')).json.faults, []);
   });
 
   it('resets HTTP/1.1 connections and HTTP/2 streams after K body bytes', async () => {
@@ -119,18 +121,9 @@ describe('fault injection', { timeout: 60000 }, () => {
     await arm({ route: 'media', resetAfterBytes: 300000, count: 3 });
     const client = emu.connectH2('media');
     try {
-      const fetch = () => new Promise((resolve) => {
-        const req = client.request({ ':path': '/media/synthetic/1048576' });
-        let received = 0;
-        let status = null;
-        req.on('response', (h) => { status = h[':status']; });
-        req.on('data', (c) => { received += c.length; });
-        req.on('error', () => resolve({ status, received, code: req.rstCode }));
-        req.on('end', () => resolve({ status, received, code: req.rstCode }));
-        req.end();
-      });
+      const fetch = () => h2Request(client, { ':path': '/media/synthetic/1048576' }, { onData: () => {} });
       const results = await Promise.all([fetch(), fetch(), fetch(), fetch()]);
-      const reset = results.filter((r) => r.code === http2.constants.NGHTTP2_INTERNAL_ERROR);
+      const reset = results.filter((r) => r.rstCode === http2.constants.NGHTTP2_INTERNAL_ERROR);
       assert.equal(reset.length, 3);
       for (const r of reset) assert.deepEqual([r.status, r.received], [200, 300000]);
       assert.deepEqual(results.filter((r) => r.received === 1048576).length, 1, 'the fourth stream is untouched');

@@ -2,7 +2,7 @@
 
 const assert = require('node:assert/strict');
 const { describe, it, before, after } = require('node:test');
-const { startEmulator } = require('../harness');
+const { startEmulator, h2Request } = require('../harness');
 const { expectedBytes } = require('../lib/media');
 
 describe('media', { timeout: 60000 }, () => {
@@ -86,20 +86,11 @@ describe('media', { timeout: 60000 }, () => {
     const size = 96 * 1024 * 1024 + 7;
     const client = emu.connectH2('media');
     try {
-      const result = await new Promise((resolve, reject) => {
-        const req = client.request({ ':path': `/media/synthetic/${size}` });
-        let pos = 0;
-        let bad = -1;
-        req.setTimeout(30000, () => reject(new Error('download timed out')));
-        req.on('data', (chunk) => {
-          if (bad < 0 && !chunk.equals(expectedBytes(chunk.length, 0, pos))) bad = pos;
-          pos += chunk.length;
-        });
-        req.on('end', () => resolve({ pos, bad }));
-        req.on('error', reject);
-        req.end();
+      let bad = -1;
+      const result = await h2Request(client, { ':path': `/media/synthetic/${size}` }, {
+        onData: (chunk, pos) => { if (bad < 0 && !chunk.equals(expectedBytes(chunk.length, 0, pos))) bad = pos; },
       });
-      assert.deepEqual(result, { pos: size, bad: -1 });
+      assert.deepEqual([result.status, result.received, bad], [200, size, -1]);
     } finally {
       client.close();
     }

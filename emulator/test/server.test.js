@@ -6,7 +6,7 @@ const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
 const { describe, it, before, after } = require('node:test');
-const { startEmulator, tempDir, exited } = require('../harness');
+const { startEmulator, h2Request, tempDir, exited } = require('../harness');
 const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
 
 describe('server', { timeout: 90000 }, () => {
@@ -23,16 +23,9 @@ describe('server', { timeout: 90000 }, () => {
     assert.ok(port > 0);
     const client = emu.connectH2('api');
     try {
-      const answer = await new Promise((resolve, reject) => {
-        const req = client.request({ ':path': '/media/synthetic/3', 'x-probe': 'h2' });
-        const chunks = [];
-        req.on('data', (c) => chunks.push(c));
-        req.on('end', () => resolve(Buffer.concat(chunks)));
-        req.on('error', reject);
-        req.end();
-      });
+      const answer = await h2Request(client, { ':path': '/media/synthetic/3', 'x-probe': 'h2' });
       assert.equal(client.alpnProtocol, 'h2');
-      assert.deepEqual([...answer], [0, 1, 2]);
+      assert.deepEqual([...answer.body], [0, 1, 2]);
     } finally {
       client.close();
     }
@@ -138,9 +131,10 @@ describe('server', { timeout: 90000 }, () => {
     const victim = await startEmulator(['--fault', '{"route":"media","bytesPerSecond":1000}']);
     const client = victim.connectH2('media');
     client.on('error', () => {});
-    const req = client.request({ ':path': '/media/synthetic/1000000' });
-    req.on('error', () => {});
-    await new Promise((resolve) => req.once('data', resolve));
+    let firstBytes;
+    const arrived = new Promise((resolve) => { firstBytes = resolve; });
+    h2Request(client, { ':path': '/media/synthetic/1000000' }, { onData: () => firstBytes() }).catch(() => {});
+    await arrived;
     victim.proc.kill('SIGTERM');
     assert.equal(await exited(victim.proc, 5000), 0);
     client.destroy();
