@@ -111,7 +111,7 @@ class Emulator {
   async handle(req, res) {
     const startedAt = Date.now();
     const h2 = req.httpVersionMajor === 2;
-    const authority = h2 ? req.headers[':authority'] || req.headers.host : req.headers.host;
+    const authority = (h2 ? req.headers[':authority'] || req.headers.host : req.headers.host) || '';
     const scheme = h2 ? req.headers[':scheme'] || this.scheme : this.scheme;
     const target = req.url || '/';
     const q = target.indexOf('?');
@@ -190,7 +190,6 @@ class Emulator {
         chunks.push(chunk);
       });
       ctx.req.on('end', () => { if (size <= MAX_BODY) resolve(Buffer.concat(chunks)); });
-      ctx.req.on('close', () => { if (ctx.closed && size <= MAX_BODY) resolve(null); });
       ctx.res.on('close', () => resolve(null));
     });
   }
