@@ -1,0 +1,1108 @@
+#include "kelcore/Dictionary.h"
+
+#include <simdjson.h>
+
+#include <algorithm>
+#include <atomic>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace kelcore::utility {
+
+using Kind = DictionaryValue::Kind;
+
+namespace detail {
+
+// One node of a parsed document. Objects are laid out as [object][key][value...][key][value...],
+// arrays as [array][value...]; a container's payload is the index just past its last
+// descendant, so a lookup steps over whole sub-trees without visiting them.
+struct Slot {
+  Kind kind;
+  std::uint8_t flags;
+  std::uint16_t reserved;
+  std::uint32_t count;    // string length, or the visible members / elements of a container
+  std::uint64_t payload;  // scalar bits, offset into the string buffer, or the index past a container
+};
+static_assert(sizeof(Slot) == 16);
+
+// A later duplicate of a key in the same object. It stays on the tape (so indices stay put) but
+// lookups, iteration and the writer pass over it: the first of duplicated keys wins.
+constexpr std::uint8_t kShadowed = 1;
+
+struct ParsedDocument {
+  std::vector<Slot> tape;
+  std::unique_ptr<char[]> strings;
+
+  static bool IsContainer(Kind kind) noexcept { return kind == Kind::Array || kind == Kind::Object; }
+  std::uint32_t Next(std::uint32_t i) const noexcept {
+    const Slot& slot = tape[i];
+    return IsContainer(slot.kind) ? static_cast<std::uint32_t>(slot.payload) : i + 1;
+  }
+  std::string_view Text(std::uint32_t i) const noexcept {
+    const Slot& slot = tape[i];
+    return std::string_view(strings.get() + slot.payload, slot.count);
+  }
+  // Calls visit(keyIndex, valueIndex) for each visible member of the object at `object`, until
+  // visit returns false.
+  template <class Visit>
+  void ForEachMember(std::uint32_t object, Visit&& visit) const {
+    const std::uint32_t end = Next(object);
+    for (std::uint32_t key = object + 1; key < end;) {
+      const std::uint32_t value = key + 1;
+      const std::uint32_t next = Next(value);
+      if (!(tape[key].flags & kShadowed) && !visit(key, value)) return;
+      key = next;
+    }
+  }
+  template <class Visit>
+  void ForEachElement(std::uint32_t array, Visit&& visit) const {
+    const std::uint32_t end = Next(array);
+    for (std::uint32_t element = array + 1; element < end; element = Next(element)) {
+      if (!visit(element)) return;
+    }
+  }
+  // The representation behind a value, for the writer: a view's document (and its index), or
+  // the built storage of an object or array.
+  static const ParsedDocument* ViewOf(const DictionaryValue& value, std::uint32_t& index) noexcept {
+    if (value.rep_ != DictionaryValue::Rep::View) return nullptr;
+    index = value.index_;
+    return static_cast<const ParsedDocument*>(value.storage_.get());
+  }
+  static const ObjectEntries* EntriesOf(const DictionaryValue& value) noexcept {
+    return value.rep_ == DictionaryValue::Rep::Object ? static_cast<const ObjectEntries*>(value.storage_.get()) : nullptr;
+  }
+  static const ArrayElements* ElementsOf(const DictionaryValue& value) noexcept {
+    return value.rep_ == DictionaryValue::Rep::Array ? static_cast<const ArrayElements*>(value.storage_.get()) : nullptr;
+  }
+  // The value index of `key` in the object, 0 when absent (0 is always the root, never a member).
+  std::uint32_t Find(std::uint32_t object, std::string_view key) const noexcept {
+    std::uint32_t found = 0;
+    ForEachMember(object, [&](std::uint32_t k, std::uint32_t v) {
+      if (Text(k) == key) found = v;
+      return found == 0;
+    });
+    return found;
+  }
+};
+
+struct ObjectEntries {
+  std::vector<std::pair<ImmutableString, DictionaryValue>> entries;
+};
+
+struct ArrayElements {
+  std::vector<DictionaryValue> elements;
+};
+
+}  // namespace detail
+
+using detail::ParsedDocument;
+using detail::Slot;
+
+namespace {
+
+// simdjson's DOM stage accepts 1023 levels around a value (1024 only when the innermost is
+// empty); the On-Demand path stops at 1023 so nothing it accepts is refused when read again.
+constexpr std::size_t kMaxDepth = 1023;
+
+// Builds one tape in document order. Both parse paths feed it the same events, so every parsed
+// document has one layout whichever path produced it.
+class TapeBuilder {
+ public:
+  struct Frame {
+    std::uint32_t slot;
+    std::uint32_t count;
+    std::uint32_t keyBase;
+    bool object;
+  };
+
+  TapeBuilder(std::size_t inputLength, std::size_t slotEstimate, std::vector<Frame>& stack,
+              std::vector<std::uint32_t>& keys)
+      : document_(std::make_shared<ParsedDocument>()), stack_(stack), keys_(keys) {
+    // Unescaped text is never longer than its JSON form, so one buffer of the input's size holds
+    // every string of the document.
+    stringsCapacity_ = inputLength + 1;
+    document_->strings.reset(new char[stringsCapacity_]);
+    document_->tape.reserve(slotEstimate);
+    stack_.clear();
+    keys_.clear();
+  }
+
+  std::size_t Depth() const noexcept { return stack_.size(); }
+  bool ExpectingKey() const noexcept { return !stack_.empty() && stack_.back().object && expectKey_; }
+
+  void Begin(Kind kind) {
+    Push(kind, 0);
+    stack_.push_back({static_cast<std::uint32_t>(document_->tape.size() - 1), 0,
+                      static_cast<std::uint32_t>(keys_.size()), kind == Kind::Object});
+    expectKey_ = true;
+  }
+
+  void End() {
+    Frame frame = stack_.back();
+    stack_.pop_back();
+    if (frame.object) frame.count -= ShadowDuplicates(frame.keyBase);
+    Slot& slot = document_->tape[frame.slot];
+    slot.count = frame.count;
+    slot.payload = document_->tape.size();
+    expectKey_ = true;
+  }
+
+  void Key(std::string_view text) {
+    keys_.push_back(static_cast<std::uint32_t>(document_->tape.size()));
+    PushText(text);
+    expectKey_ = false;
+  }
+  void String(std::string_view text) {
+    Counted();
+    PushText(text);
+  }
+  void Scalar(Kind kind, std::uint64_t payload) {
+    Counted();
+    Push(kind, payload);
+  }
+  void Integer(std::int64_t value) { Scalar(Kind::Integer, static_cast<std::uint64_t>(value)); }
+  void Unsigned(std::uint64_t value) {
+    // Values that fit the signed kind take it, whichever way they were spelled or parsed.
+    Scalar(value > std::uint64_t(std::numeric_limits<std::int64_t>::max()) ? Kind::UnsignedInteger : Kind::Integer, value);
+  }
+  void Double(double value) { Scalar(Kind::Double, std::bit_cast<std::uint64_t>(value)); }
+
+  std::shared_ptr<const ParsedDocument> Finish() {
+    // Number-heavy documents leave most of the string buffer unused; give it back.
+    if (stringsUsed_ * 2 < stringsCapacity_ && stringsCapacity_ > 4096) {
+      std::unique_ptr<char[]> exact(new char[stringsUsed_ + 1]);
+      std::memcpy(exact.get(), document_->strings.get(), stringsUsed_);
+      document_->strings = std::move(exact);
+    }
+    if (document_->tape.capacity() > document_->tape.size() * 2 && document_->tape.capacity() > 256) {
+      document_->tape.shrink_to_fit();
+    }
+    return std::move(document_);
+  }
+
+ private:
+  void Counted() {
+    if (!stack_.empty()) {
+      Frame& frame = stack_.back();
+      ++frame.count;
+      if (frame.object) expectKey_ = true;
+    }
+  }
+  void Push(Kind kind, std::uint64_t payload) {
+    if (kind == Kind::Array || kind == Kind::Object) Counted();
+    document_->tape.push_back(Slot{kind, 0, 0, 0, payload});
+  }
+  void PushText(std::string_view text) {
+    std::memcpy(document_->strings.get() + stringsUsed_, text.data(), text.size());
+    document_->tape.push_back(Slot{Kind::String, 0, 0, static_cast<std::uint32_t>(text.size()), stringsUsed_});
+    stringsUsed_ += text.size();
+  }
+
+  bool SameKey(std::uint32_t a, std::uint32_t b) const noexcept {
+    const Slot& x = document_->tape[a];
+    const Slot& y = document_->tape[b];
+    return x.count == y.count &&
+           std::memcmp(document_->strings.get() + x.payload, document_->strings.get() + y.payload, x.count) == 0;
+  }
+
+  // Marks every repeated key of the object whose keys start at keys_[base]; returns how many.
+  std::uint32_t ShadowDuplicates(std::uint32_t base) {
+    const std::size_t n = keys_.size() - base;
+    std::uint32_t shadowed = 0;
+    auto& tape = document_->tape;
+    if (n > 1 && n <= 16) {
+      for (std::size_t i = base + 1; i < keys_.size(); ++i) {
+        for (std::size_t j = base; j < i; ++j) {
+          if (!(tape[keys_[j]].flags & detail::kShadowed) && SameKey(keys_[i], keys_[j])) {
+            tape[keys_[i]].flags |= detail::kShadowed;
+            ++shadowed;
+            break;
+          }
+        }
+      }
+    } else if (n > 16) {
+      // Large objects: sort by (hash, position) so duplicates meet and the earliest comes first.
+      sorted_.clear();
+      for (std::size_t i = base; i < keys_.size(); ++i) {
+        const Slot& slot = tape[keys_[i]];
+        const std::string_view text(document_->strings.get() + slot.payload, slot.count);
+        sorted_.emplace_back(std::hash<std::string_view>{}(text), keys_[i]);
+      }
+      std::sort(sorted_.begin(), sorted_.end());
+      for (std::size_t i = 0; i < sorted_.size();) {
+        std::size_t run = i + 1;
+        while (run < sorted_.size() && sorted_[run].first == sorted_[i].first) ++run;
+        for (std::size_t a = i + 1; a < run; ++a) {
+          for (std::size_t b = i; b < a; ++b) {
+            if (!(tape[sorted_[b].second].flags & detail::kShadowed) && SameKey(sorted_[a].second, sorted_[b].second)) {
+              tape[sorted_[a].second].flags |= detail::kShadowed;
+              ++shadowed;
+              break;
+            }
+          }
+        }
+        i = run;
+      }
+    }
+    keys_.resize(base);
+    return shadowed;
+  }
+
+  std::shared_ptr<ParsedDocument> document_;
+  std::vector<Frame>& stack_;
+  std::vector<std::uint32_t>& keys_;
+  std::vector<std::pair<std::size_t, std::uint32_t>> sorted_;
+  std::size_t stringsCapacity_ = 0;
+  std::size_t stringsUsed_ = 0;
+  bool expectKey_ = true;
+};
+
+// Per-thread parse state, reused from one parse to the next so a parse allocates only the
+// buffers of the document it returns.
+struct ParseScratch {
+  simdjson::dom::parser dom;
+  simdjson::ondemand::parser onDemand;
+  std::unique_ptr<char[]> input;
+  std::size_t inputCapacity = 0;
+  std::vector<TapeBuilder::Frame> stack;
+  std::vector<std::uint32_t> keys;
+
+  // Copies the text into a buffer with the zeroed padding simdjson reads past the end.
+  const char* Pad(const void* data, std::size_t length) {
+    if (inputCapacity < length + simdjson::SIMDJSON_PADDING) {
+      inputCapacity = std::max(length + simdjson::SIMDJSON_PADDING, inputCapacity + inputCapacity / 2);
+      input.reset(new char[inputCapacity]);
+    }
+    if (length) std::memcpy(input.get(), data, length);
+    std::memset(input.get() + length, 0, simdjson::SIMDJSON_PADDING);
+    return input.get();
+  }
+};
+
+// Documents above this size get a parser of their own instead of leaving a thread holding
+// buffers sized for them.
+constexpr std::size_t kLargeDocument = std::size_t{16} << 20;
+
+std::string Reason(simdjson::error_code code) { return std::string("invalid JSON: ") + simdjson::error_message(code); }
+
+// The fast path: simdjson's DOM stage builds its own tape, which we then copy into ours in one
+// linear pass. Walking the On-Demand API over every value costs more than twice as much here,
+// and a parsed answer is always read in full.
+simdjson::error_code ParseWithDom(ParseScratch& scratch, const char* text, std::size_t length,
+                                  std::shared_ptr<const ParsedDocument>& out) {
+  simdjson::dom::element root;
+  if (auto error = scratch.dom.parse(text, length, false).get(root)) return error;
+  const std::uint64_t* tape = scratch.dom.doc.tape.get();
+  const std::uint8_t* strings = scratch.dom.doc.string_buf.get();
+  // The root word holds the tape's length; the last word closes the root again.
+  const std::size_t end = (tape[0] & simdjson::internal::JSON_VALUE_MASK) - 1;
+  TapeBuilder builder(length, end, scratch.stack, scratch.keys);
+  for (std::size_t i = 1; i < end;) {
+    const std::uint64_t word = tape[i];
+    const std::uint64_t payload = word & simdjson::internal::JSON_VALUE_MASK;
+    switch (static_cast<char>(word >> 56)) {
+      case '"': {
+        std::uint32_t size;
+        std::memcpy(&size, strings + payload, sizeof size);
+        const std::string_view text(reinterpret_cast<const char*>(strings + payload + sizeof size), size);
+        if (builder.ExpectingKey()) {
+          builder.Key(text);
+        } else {
+          builder.String(text);
+        }
+        ++i;
+        break;
+      }
+      case 'l':
+        builder.Integer(static_cast<std::int64_t>(tape[i + 1]));
+        i += 2;
+        break;
+      case 'u':
+        builder.Unsigned(tape[i + 1]);
+        i += 2;
+        break;
+      case 'd':
+        builder.Scalar(Kind::Double, tape[i + 1]);
+        i += 2;
+        break;
+      case 't':
+        builder.Scalar(Kind::Boolean, 1);
+        ++i;
+        break;
+      case 'f':
+        builder.Scalar(Kind::Boolean, 0);
+        ++i;
+        break;
+      case 'n':
+        builder.Scalar(Kind::Null, 0);
+        ++i;
+        break;
+      case '{':
+        builder.Begin(Kind::Object);
+        ++i;
+        break;
+      case '[':
+        builder.Begin(Kind::Array);
+        ++i;
+        break;
+      case '}':
+      case ']':
+        builder.End();
+        ++i;
+        break;
+      default:
+        return simdjson::TAPE_ERROR;
+    }
+  }
+  out = builder.Finish();
+  return simdjson::SUCCESS;
+}
+
+// --- The On-Demand path -------------------------------------------------------------------
+// simdjson's DOM stage rejects integers beyond 64 bits; JSON allows them and our contract makes
+// them doubles. Documents the DOM stage refuses over a number are walked again here, value by
+// value, where each number can be looked at on its own.
+
+namespace ondemand = simdjson::ondemand;
+
+// JSON's number grammar, checked on the token before simdjson reads a big integer as a double,
+// so leniency in that conversion cannot let malformed numbers through.
+bool IsJSONNumber(std::string_view token) noexcept {
+  while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\n' || token.back() == '\r')) {
+    token.remove_suffix(1);
+  }
+  std::size_t i = 0;
+  auto digits = [&] {
+    const std::size_t start = i;
+    while (i < token.size() && token[i] >= '0' && token[i] <= '9') ++i;
+    return i > start;
+  };
+  if (i < token.size() && token[i] == '-') ++i;
+  if (i < token.size() && token[i] == '0') {
+    ++i;
+  } else if (!digits()) {
+    return false;
+  }
+  if (i < token.size() && token[i] == '.') {
+    ++i;
+    if (!digits()) return false;
+  }
+  if (i < token.size() && (token[i] == 'e' || token[i] == 'E')) {
+    ++i;
+    if (i < token.size() && (token[i] == '+' || token[i] == '-')) ++i;
+    if (!digits()) return false;
+  }
+  return i == token.size();
+}
+
+// A value's raw token comes back bare, a document's wrapped in a result.
+simdjson::error_code TokenOf(std::string_view raw, std::string_view& token) noexcept {
+  token = raw;
+  return simdjson::SUCCESS;
+}
+simdjson::error_code TokenOf(simdjson::simdjson_result<std::string_view> raw, std::string_view& token) noexcept {
+  return std::move(raw).get(token);
+}
+
+template <class Source>  // ondemand::value or ondemand::document (a scalar root)
+simdjson::error_code BuildNumber(Source& source, TapeBuilder& builder) {
+  ondemand::number_type type;
+  if (auto error = source.get_number_type().get(type)) return error;
+  if (type == ondemand::number_type::signed_integer) {
+    std::int64_t value;
+    if (!source.get_int64().get(value)) return builder.Integer(value), simdjson::SUCCESS;
+  } else if (type == ondemand::number_type::unsigned_integer) {
+    std::uint64_t value;
+    if (!source.get_uint64().get(value)) return builder.Unsigned(value), simdjson::SUCCESS;
+  }
+  if (type != ondemand::number_type::floating_point_number) {
+    std::string_view token;
+    if (auto error = TokenOf(source.raw_json_token(), token)) return error;
+    if (!IsJSONNumber(token)) return simdjson::NUMBER_ERROR;
+  }
+  double value;
+  if (auto error = source.get_double().get(value)) return error;
+  builder.Double(value);
+  return simdjson::SUCCESS;
+}
+
+simdjson::error_code BuildValue(ondemand::value value, TapeBuilder& builder);
+
+simdjson::error_code BuildObject(ondemand::object object, TapeBuilder& builder) {
+  builder.Begin(Kind::Object);
+  for (auto member : object) {
+    ondemand::field field;
+    if (auto error = std::move(member).get(field)) return error;
+    std::string_view key;
+    if (auto error = field.unescaped_key().get(key)) return error;
+    builder.Key(key);
+    if (auto error = BuildValue(field.value(), builder)) return error;
+  }
+  builder.End();
+  return simdjson::SUCCESS;
+}
+
+simdjson::error_code BuildArray(ondemand::array array, TapeBuilder& builder) {
+  builder.Begin(Kind::Array);
+  for (auto element : array) {
+    ondemand::value value;
+    if (auto error = std::move(element).get(value)) return error;
+    if (auto error = BuildValue(value, builder)) return error;
+  }
+  builder.End();
+  return simdjson::SUCCESS;
+}
+
+template <class Source>
+simdjson::error_code BuildScalar(Source& source, ondemand::json_type type, TapeBuilder& builder) {
+  switch (type) {
+    case ondemand::json_type::string: {
+      std::string_view text;
+      if (auto error = source.get_string().get(text)) return error;
+      builder.String(text);
+      return simdjson::SUCCESS;
+    }
+    case ondemand::json_type::number:
+      return BuildNumber(source, builder);
+    case ondemand::json_type::boolean: {
+      bool flag;
+      if (auto error = source.get_bool().get(flag)) return error;
+      builder.Scalar(Kind::Boolean, flag);
+      return simdjson::SUCCESS;
+    }
+    case ondemand::json_type::null: {
+      bool isNull = false;
+      if (auto error = source.is_null().get(isNull)) return error;
+      if (!isNull) return simdjson::N_ATOM_ERROR;
+      builder.Scalar(Kind::Null, 0);
+      return simdjson::SUCCESS;
+    }
+    default:
+      return simdjson::TAPE_ERROR;
+  }
+}
+
+simdjson::error_code BuildValue(ondemand::value value, TapeBuilder& builder) {
+  ondemand::json_type type;
+  if (auto error = value.type().get(type)) return error;
+  // Checked before entering: simdjson itself must never see a level beyond its own bound.
+  if ((type == ondemand::json_type::object || type == ondemand::json_type::array) && builder.Depth() >= kMaxDepth) {
+    return simdjson::DEPTH_ERROR;
+  }
+  if (type == ondemand::json_type::object) {
+    ondemand::object object;
+    if (auto error = value.get_object().get(object)) return error;
+    return BuildObject(object, builder);
+  }
+  if (type == ondemand::json_type::array) {
+    ondemand::array array;
+    if (auto error = value.get_array().get(array)) return error;
+    return BuildArray(array, builder);
+  }
+  return BuildScalar(value, type, builder);
+}
+
+// simdjson 3.0 keeps the document's position to itself; this reads it to tell whether anything
+// follows the root value.
+struct DocumentEnd : ondemand::document {
+  static bool Reached(ondemand::document& document) { return (document.*(&DocumentEnd::iter)).at_end(); }
+};
+
+simdjson::error_code ParseOnDemand(ParseScratch& scratch, const char* text, std::size_t length,
+                                   std::shared_ptr<const ParsedDocument>& out) {
+  // Room for our own bound plus the document level, so ours is the limit that triggers.
+  if (scratch.onDemand.max_depth() != kMaxDepth + 2) {
+    if (auto error = scratch.onDemand.allocate(length, kMaxDepth + 2)) return error;
+  }
+  ondemand::document document;
+  if (auto error = scratch.onDemand.iterate(text, length, length + simdjson::SIMDJSON_PADDING).get(document)) {
+    return error;
+  }
+  TapeBuilder builder(length, length / 8 + 4, scratch.stack, scratch.keys);
+  ondemand::json_type type;
+  if (auto error = document.type().get(type)) return error;
+  simdjson::error_code error = simdjson::SUCCESS;
+  if (type == ondemand::json_type::object) {
+    ondemand::object object;
+    error = document.get_object().get(object);
+    if (!error) error = BuildObject(object, builder);
+  } else if (type == ondemand::json_type::array) {
+    ondemand::array array;
+    error = document.get_array().get(array);
+    if (!error) error = BuildArray(array, builder);
+  } else {
+    error = BuildScalar(document, type, builder);
+  }
+  if (error) return error;
+  if (!DocumentEnd::Reached(document)) return simdjson::TRAILING_CONTENT;
+  out = builder.Finish();
+  return simdjson::SUCCESS;
+}
+
+// --- Writing ---------------------------------------------------------------------------------
+
+// Length of the well-formed UTF-8 sequence at p, or 0 when the bytes there are not one.
+std::size_t UTF8SequenceLength(const unsigned char* p, std::size_t available) noexcept {
+  const unsigned char b0 = p[0];
+  std::size_t length;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    length = 2;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    length = 3;
+    if (b0 == 0xE0) low = 0xA0;   // overlong
+    if (b0 == 0xED) high = 0x9F;  // surrogates
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    length = 4;
+    if (b0 == 0xF0) low = 0x90;   // overlong
+    if (b0 == 0xF4) high = 0x8F;  // above U+10FFFF
+  } else {
+    return 0;
+  }
+  if (available < length || p[1] < low || p[1] > high) return 0;
+  for (std::size_t i = 2; i < length; ++i) {
+    if ((p[i] & 0xC0) != 0x80) return 0;
+  }
+  return length;
+}
+
+class Writer {
+ public:
+  std::string out;
+
+
+  void String(std::string_view text) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const std::size_t n = text.size();
+    out += '"';
+    std::size_t run = 0;  // start of the pending stretch of bytes that need no escaping
+    for (std::size_t i = 0; i < n;) {
+      const unsigned char c = p[i];
+      if (c >= 0x20 && c != '"' && c != '\\' && c < 0x80) {
+        ++i;
+        continue;
+      }
+      if (c >= 0x80) {
+        if (const std::size_t length = UTF8SequenceLength(p + i, n - i)) {
+          i += length;
+          continue;
+        }
+      }
+      out.append(text.data() + run, i - run);
+      switch (c) {
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        case '\b': out += "\\b"; break;
+        case '\f': out += "\\f"; break;
+        default:
+          if (c < 0x20) {
+            out += "\\u00";
+            out += kHex[c >> 4];
+            out += kHex[c & 0xF];
+          } else {
+            out += "\\ufffd";  // a byte that does not start well-formed UTF-8
+          }
+      }
+      run = ++i;
+    }
+    out.append(text.data() + run, n - run);
+    out += '"';
+  }
+
+  void Integer(std::int64_t value) { Chars(value); }
+  void Unsigned(std::uint64_t value) { Chars(value); }
+  void Double(double value) {
+    if (!std::isfinite(value)) {
+      out += "null";  // JSON has no spelling for NaN or the infinities
+      return;
+    }
+    char buffer[40];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    out.append(buffer, result.ptr);
+    // A double written like an integer would come back as one; keep its kind visible.
+    if (std::find_if(buffer, result.ptr, [](char c) { return c == '.' || c == 'e'; }) == result.ptr) out += ".0";
+  }
+
+  void Tape(const ParsedDocument& document, std::uint32_t index) {
+    const Slot& slot = document.tape[index];
+    switch (slot.kind) {
+      case Kind::Null: out += "null"; break;
+      case Kind::Boolean: out += slot.payload ? "true" : "false"; break;
+      case Kind::Integer: Integer(static_cast<std::int64_t>(slot.payload)); break;
+      case Kind::UnsignedInteger: Unsigned(slot.payload); break;
+      case Kind::Double: Double(std::bit_cast<double>(slot.payload)); break;
+      case Kind::String: String(document.Text(index)); break;
+      case Kind::Array: {
+        out += '[';
+        bool first = true;
+        document.ForEachElement(index, [&](std::uint32_t element) {
+          if (!first) out += ',';
+          first = false;
+          Tape(document, element);
+          return true;
+        });
+        out += ']';
+        break;
+      }
+      case Kind::Object: {
+        out += '{';
+        bool first = true;
+        document.ForEachMember(index, [&](std::uint32_t key, std::uint32_t value) {
+          if (!first) out += ',';
+          first = false;
+          String(document.Text(key));
+          out += ':';
+          Tape(document, value);
+          return true;
+        });
+        out += '}';
+        break;
+      }
+    }
+  }
+
+  void Entries(const detail::ObjectEntries* entries) {
+    out += '{';
+    if (entries) {
+      bool first = true;
+      for (const auto& [key, value] : entries->entries) {
+        if (!first) out += ',';
+        first = false;
+        String(key.View());
+        out += ':';
+        Any(value);
+      }
+    }
+    out += '}';
+  }
+
+  void Any(const DictionaryValue& value);
+
+ private:
+  template <class T>
+  void Chars(T value) {
+    char buffer[24];
+    const auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
+    out.append(buffer, result.ptr);
+  }
+};
+
+}  // namespace
+
+// --- DictionaryValue -------------------------------------------------------------------------
+
+DictionaryValue::DictionaryValue() noexcept : integer_(0) {}
+DictionaryValue::DictionaryValue(bool value) noexcept : kind_(Kind::Boolean), integer_(0) { boolean_ = value; }
+DictionaryValue::DictionaryValue(long long value) noexcept : kind_(Kind::Integer), integer_(value) {}
+DictionaryValue::DictionaryValue(unsigned long value) noexcept
+    : DictionaryValue(static_cast<unsigned long long>(value)) {}
+DictionaryValue::DictionaryValue(unsigned long long value) noexcept
+    : kind_(value > std::uint64_t(std::numeric_limits<std::int64_t>::max()) ? Kind::UnsignedInteger : Kind::Integer),
+      unsigned_(value) {}
+DictionaryValue::DictionaryValue(double value) noexcept : kind_(Kind::Double), double_(value) {}
+
+DictionaryValue::DictionaryValue(std::string_view text)
+    : rep_(Rep::Text), kind_(Kind::String), integer_(0), storage_(std::make_shared<const std::string>(text)) {}
+
+DictionaryValue::DictionaryValue(const Dictionary& object) : rep_(Rep::Object), kind_(Kind::Object), integer_(0) {
+  if (object.owned_) {
+    storage_ = object.owned_;
+  } else if (object.view_) {
+    rep_ = Rep::View;
+    index_ = object.index_;
+    storage_ = object.view_;
+  }
+}
+
+DictionaryValue::DictionaryValue(std::vector<DictionaryValue> array)
+    : rep_(Rep::Array), kind_(Kind::Array), integer_(0),
+      storage_(std::make_shared<const detail::ArrayElements>(detail::ArrayElements{std::move(array)})) {}
+
+DictionaryValue::DictionaryValue(std::shared_ptr<const ParsedDocument> document, std::uint32_t index) noexcept
+    : integer_(0) {
+  const Slot& slot = document->tape[index];
+  kind_ = slot.kind;
+  switch (slot.kind) {
+    case Kind::Null: break;
+    case Kind::Boolean: boolean_ = slot.payload != 0; break;
+    case Kind::Integer:
+    case Kind::UnsignedInteger: unsigned_ = slot.payload; break;
+    case Kind::Double: double_ = std::bit_cast<double>(slot.payload); break;
+    default:
+      // Scalars are copied out; text and containers stay views that keep the document alive.
+      rep_ = Rep::View;
+      index_ = index;
+      storage_ = std::move(document);
+  }
+}
+
+DictionaryValue::~DictionaryValue() = default;
+
+DictionaryValue::Kind DictionaryValue::GetKind() const noexcept { return kind_; }
+
+bool DictionaryValue::AsBool(bool fallback) const noexcept { return kind_ == Kind::Boolean ? boolean_ : fallback; }
+
+std::int64_t DictionaryValue::AsInt64(std::int64_t fallback) const noexcept { return IsInteger() ? integer_ : fallback; }
+
+std::uint64_t DictionaryValue::AsUInt64(std::uint64_t fallback) const noexcept { return IsInteger() ? unsigned_ : fallback; }
+
+double DictionaryValue::AsDouble(double fallback) const noexcept {
+  switch (kind_) {
+    case Kind::Integer: return static_cast<double>(integer_);
+    case Kind::UnsignedInteger: return static_cast<double>(unsigned_);
+    case Kind::Double: return double_;
+    default: return fallback;
+  }
+}
+
+std::string_view DictionaryValue::AsStringView() const noexcept {
+  if (kind_ != Kind::String) return {};
+  if (rep_ == Rep::View) return static_cast<const ParsedDocument*>(storage_.get())->Text(index_);
+  return *static_cast<const std::string*>(storage_.get());
+}
+
+Dictionary DictionaryValue::AsDictionary() const {
+  Dictionary result;
+  if (kind_ != Kind::Object) return result;
+  if (rep_ == Rep::View) {
+    result.view_ = std::static_pointer_cast<const ParsedDocument>(storage_);
+    result.index_ = index_;
+  } else if (storage_) {
+    // Shared, not copied: the dictionary copies on its first write while we still hold it.
+    result.owned_ = std::const_pointer_cast<detail::ObjectEntries>(std::static_pointer_cast<const detail::ObjectEntries>(storage_));
+  }
+  return result;
+}
+
+std::vector<DictionaryValue> DictionaryValue::AsArray() const {
+  std::vector<DictionaryValue> result;
+  if (kind_ != Kind::Array) return result;
+  if (rep_ == Rep::View) {
+    auto document = std::static_pointer_cast<const ParsedDocument>(storage_);
+    result.reserve(document->tape[index_].count);
+    document->ForEachElement(index_, [&](std::uint32_t element) {
+      result.push_back(DictionaryValue(document, element));
+      return true;
+    });
+  } else {
+    result = static_cast<const detail::ArrayElements*>(storage_.get())->elements;
+  }
+  return result;
+}
+
+std::size_t DictionaryValue::Size() const noexcept {
+  if (kind_ != Kind::Array && kind_ != Kind::Object) return 0;
+  if (rep_ == Rep::View) return static_cast<const ParsedDocument*>(storage_.get())->tape[index_].count;
+  if (!storage_) return 0;
+  if (kind_ == Kind::Array) return static_cast<const detail::ArrayElements*>(storage_.get())->elements.size();
+  return static_cast<const detail::ObjectEntries*>(storage_.get())->entries.size();
+}
+
+namespace {
+
+bool SameDouble(double a, double b) noexcept { return a == b || (std::isnan(a) && std::isnan(b)); }
+
+// Deep comparison of two parsed sub-trees without materialising values.
+bool TapeEqual(const ParsedDocument& a, std::uint32_t i, const ParsedDocument& b, std::uint32_t j) {
+  const Slot& x = a.tape[i];
+  const Slot& y = b.tape[j];
+  if (x.kind != y.kind) return false;
+  switch (x.kind) {
+    case Kind::Null: return true;
+    case Kind::Boolean:
+    case Kind::Integer:
+    case Kind::UnsignedInteger: return x.payload == y.payload;
+    case Kind::Double: return SameDouble(std::bit_cast<double>(x.payload), std::bit_cast<double>(y.payload));
+    case Kind::String: return a.Text(i) == b.Text(j);
+    case Kind::Array: {
+      if (x.count != y.count) return false;
+      std::uint32_t other = j + 1;
+      bool equal = true;
+      a.ForEachElement(i, [&](std::uint32_t element) {
+        equal = TapeEqual(a, element, b, other);
+        other = b.Next(other);
+        return equal;
+      });
+      return equal;
+    }
+    case Kind::Object: {
+      if (x.count != y.count) return false;
+      // Members usually come in the same order; look keys up only when they do not.
+      bool ordered = true;
+      bool equal = true;
+      std::uint32_t otherKey = j + 1;
+      a.ForEachMember(i, [&](std::uint32_t key, std::uint32_t value) {
+        while (b.tape[otherKey].flags & detail::kShadowed) otherKey = b.Next(otherKey + 1);
+        if (a.Text(key) != b.Text(otherKey)) return ordered = false;
+        equal = TapeEqual(a, value, b, otherKey + 1);
+        otherKey = b.Next(otherKey + 1);
+        return equal;
+      });
+      if (ordered) return equal;
+      equal = true;
+      a.ForEachMember(i, [&](std::uint32_t key, std::uint32_t value) {
+        const std::uint32_t found = b.Find(j, a.Text(key));
+        equal = found != 0 && TapeEqual(a, value, b, found);
+        return equal;
+      });
+      return equal;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+bool operator==(const DictionaryValue& a, const DictionaryValue& b) {
+  using Rep = DictionaryValue::Rep;
+  if (a.kind_ != b.kind_) return false;
+  switch (a.kind_) {
+    case Kind::Null: return true;
+    case Kind::Boolean: return a.boolean_ == b.boolean_;
+    case Kind::Integer:
+    case Kind::UnsignedInteger: return a.unsigned_ == b.unsigned_;
+    case Kind::Double: return SameDouble(a.double_, b.double_);
+    case Kind::String: return a.AsStringView() == b.AsStringView();
+    case Kind::Array:
+    case Kind::Object:
+      if (a.rep_ == Rep::View && b.rep_ == Rep::View) {
+        return TapeEqual(*static_cast<const ParsedDocument*>(a.storage_.get()), a.index_,
+                         *static_cast<const ParsedDocument*>(b.storage_.get()), b.index_);
+      }
+      if (a.kind_ == Kind::Object) return a.AsDictionary() == b.AsDictionary();
+      return a.AsArray() == b.AsArray();
+  }
+  return false;
+}
+
+// --- Dictionary ------------------------------------------------------------------------------
+
+Dictionary::Dictionary() noexcept = default;
+
+Dictionary::Dictionary(std::initializer_list<std::pair<ImmutableString, DictionaryValue>> entries) {
+  for (const auto& [key, value] : entries) Set(key, value);
+}
+
+Dictionary::~Dictionary() = default;
+
+std::size_t Dictionary::size() const noexcept {
+  if (owned_) return owned_->entries.size();
+  if (view_) return view_->tape[index_].count;
+  return 0;
+}
+
+bool Dictionary::Contains(std::string_view key) const noexcept {
+  if (owned_) {
+    return std::any_of(owned_->entries.begin(), owned_->entries.end(),
+                       [&](const auto& entry) { return entry.first.View() == key; });
+  }
+  return view_ && view_->Find(index_, key) != 0;
+}
+
+std::optional<DictionaryValue> Dictionary::Get(std::string_view key) const {
+  if (owned_) {
+    for (const auto& [name, value] : owned_->entries) {
+      if (name.View() == key) return value;
+    }
+    return std::nullopt;
+  }
+  if (view_) {
+    if (const std::uint32_t found = view_->Find(index_, key)) return DictionaryValue(view_, found);
+  }
+  return std::nullopt;
+}
+
+std::string Dictionary::GetString(std::string_view key, std::string_view fallback) const {
+  if (!owned_ && view_) {
+    const std::uint32_t found = view_->Find(index_, key);
+    if (found && view_->tape[found].kind == Kind::String) return std::string(view_->Text(found));
+    return std::string(fallback);
+  }
+  const auto value = Get(key);
+  return value && value->IsString() ? value->AsString() : std::string(fallback);
+}
+
+ImmutableString Dictionary::GetImmutableString(std::string_view key) const {
+  if (!owned_ && view_) {
+    const std::uint32_t found = view_->Find(index_, key);
+    if (found && view_->tape[found].kind == Kind::String) return ImmutableString(view_->Text(found));
+    return ImmutableString();
+  }
+  const auto value = Get(key);
+  return value ? value->AsImmutableString() : ImmutableString();
+}
+
+std::int64_t Dictionary::GetInteger(std::string_view key, std::int64_t fallback) const {
+  const auto value = Get(key);
+  return value ? value->AsInt64(fallback) : fallback;
+}
+
+double Dictionary::GetDouble(std::string_view key, double fallback) const {
+  const auto value = Get(key);
+  return value ? value->AsDouble(fallback) : fallback;
+}
+
+bool Dictionary::GetBool(std::string_view key, bool fallback) const {
+  const auto value = Get(key);
+  return value ? value->AsBool(fallback) : fallback;
+}
+
+Dictionary Dictionary::GetDictionary(std::string_view key) const {
+  const auto value = Get(key);
+  return value ? value->AsDictionary() : Dictionary();
+}
+
+std::vector<DictionaryValue> Dictionary::GetArray(std::string_view key) const {
+  const auto value = Get(key);
+  return value ? value->AsArray() : std::vector<DictionaryValue>();
+}
+
+void Dictionary::MakeOwned() {
+  if (view_) {
+    auto entries = std::make_shared<detail::ObjectEntries>();
+    entries->entries.reserve(view_->tape[index_].count);
+    view_->ForEachMember(index_, [&](std::uint32_t key, std::uint32_t value) {
+      entries->entries.emplace_back(ImmutableString(view_->Text(key)), DictionaryValue(view_, value));
+      return true;
+    });
+    owned_ = std::move(entries);
+    view_.reset();
+    index_ = 0;
+  } else if (!owned_) {
+    owned_ = std::make_shared<detail::ObjectEntries>();
+  } else if (owned_.use_count() != 1) {
+    owned_ = std::make_shared<detail::ObjectEntries>(*owned_);
+  } else {
+    // use_count() reads relaxed; order our writes after the reads of whoever dropped the last
+    // other reference.
+    std::atomic_thread_fence(std::memory_order_acquire);
+  }
+}
+
+void Dictionary::Set(const ImmutableString& key, DictionaryValue value) {
+  MakeOwned();
+  for (auto& entry : owned_->entries) {
+    if (entry.first == key) {
+      entry.second = std::move(value);
+      return;
+    }
+  }
+  owned_->entries.emplace_back(key, std::move(value));
+}
+
+bool Dictionary::Remove(std::string_view key) {
+  if (!Contains(key)) return false;
+  MakeOwned();
+  auto& entries = owned_->entries;
+  entries.erase(std::find_if(entries.begin(), entries.end(), [&](const auto& entry) { return entry.first.View() == key; }));
+  return true;
+}
+
+std::vector<std::pair<ImmutableString, DictionaryValue>> Dictionary::Entries() const {
+  if (owned_) return owned_->entries;
+  std::vector<std::pair<ImmutableString, DictionaryValue>> result;
+  if (view_) {
+    result.reserve(view_->tape[index_].count);
+    view_->ForEachMember(index_, [&](std::uint32_t key, std::uint32_t value) {
+      result.emplace_back(ImmutableString(view_->Text(key)), DictionaryValue(view_, value));
+      return true;
+    });
+  }
+  return result;
+}
+
+bool operator==(const Dictionary& a, const Dictionary& b) {
+  if (a.size() != b.size()) return false;
+  if (!a.owned_ && !b.owned_ && a.view_ && b.view_) return TapeEqual(*a.view_, a.index_, *b.view_, b.index_);
+  const auto left = a.Entries();
+  const auto right = b.Entries();
+  bool ordered = true;
+  for (std::size_t i = 0; i < left.size() && ordered; ++i) ordered = left[i].first == right[i].first;
+  if (ordered) {
+    for (std::size_t i = 0; i < left.size(); ++i) {
+      if (!(left[i].second == right[i].second)) return false;
+    }
+    return true;
+  }
+  for (const auto& [key, value] : left) {
+    const auto other = b.Get(key.View());
+    if (!other || !(value == *other)) return false;
+  }
+  return true;
+}
+
+// --- Parsing and writing ---------------------------------------------------------------------
+
+std::optional<DictionaryValue> JSONParseToDictionaryValue(const void* data, std::size_t length, std::string* error) {
+  auto fail = [&](std::string reason) -> std::optional<DictionaryValue> {
+    if (error) *error = std::move(reason);
+    return std::nullopt;
+  };
+  if (!data && length) return fail("invalid JSON: no text");
+  // Tape indices and string lengths are 32-bit.
+  if (length >= std::numeric_limits<std::uint32_t>::max()) return fail("invalid JSON: text larger than 4 GB");
+
+  thread_local ParseScratch tScratch;
+  std::unique_ptr<ParseScratch> ownScratch;
+  ParseScratch* scratch = &tScratch;
+  if (length > kLargeDocument) {
+    ownScratch = std::make_unique<ParseScratch>();
+    scratch = ownScratch.get();
+  }
+
+  const char* text = scratch->Pad(data, length);
+  std::shared_ptr<const ParsedDocument> document;
+  simdjson::error_code code = ParseWithDom(*scratch, text, length, document);
+  if (code == simdjson::NUMBER_ERROR) code = ParseOnDemand(*scratch, text, length, document);
+  if (code) return fail(Reason(code));
+  if (error) error->clear();
+  return DictionaryValue(std::move(document), 0);
+}
+
+void Writer::Any(const DictionaryValue& value) {
+  std::uint32_t index = 0;
+  if (const ParsedDocument* document = ParsedDocument::ViewOf(value, index)) {
+    Tape(*document, index);
+    return;
+  }
+  switch (value.GetKind()) {
+    case Kind::Null: out += "null"; return;
+    case Kind::Boolean: out += value.AsBool() ? "true" : "false"; return;
+    case Kind::Integer: Integer(value.AsInt64()); return;
+    case Kind::UnsignedInteger: Unsigned(value.AsUInt64()); return;
+    case Kind::Double: Double(value.AsDouble()); return;
+    case Kind::String: String(value.AsStringView()); return;
+    case Kind::Array: {
+      out += '[';
+      if (const detail::ArrayElements* array = ParsedDocument::ElementsOf(value)) {
+        bool first = true;
+        for (const auto& element : array->elements) {
+          if (!first) out += ',';
+          first = false;
+          Any(element);
+        }
+      }
+      out += ']';
+      return;
+    }
+    case Kind::Object: Entries(ParsedDocument::EntriesOf(value)); return;
+  }
+}
+
+std::string JSONWrite(const DictionaryValue& value) {
+  Writer writer;
+  writer.Any(value);
+  return std::move(writer.out);
+}
+
+std::string JSONWrite(const Dictionary& object) { return JSONWrite(DictionaryValue(object)); }
+
+}  // namespace kelcore::utility
