@@ -1,0 +1,198 @@
+#pragma once
+// Shared pieces of the auth tests: a scripted transport, token makers, a log capture, temporary
+// folders and a way to re-run this test binary as a fresh process.
+
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "auth/src/OstrioAuthManager.h"
+#include "kelcore/Executor.h"
+#include "kelcore/Logging.h"
+#include "kelcore/Strings.h"
+
+namespace ostriolib::testing {
+
+inline constexpr auto kHangGuard = std::chrono::seconds(60);  // only stops a broken test from hanging
+
+// Records each POST and holds its completion until the test answers it, on the default executor
+// (never on the caller's stack, as the real transport does).
+class ScriptedTransport {
+ public:
+  struct Request {
+    kelcore::ImmutableString url;
+    kelnet::HeaderMap headers;
+    bool hasBody = false;
+    kelnet::Completion completion;
+  };
+
+  OstrioAuthManager::PostFunction Function() {
+    return [this](const kelcore::utility::Guid&, kelnet::Completion completion, const kelcore::ImmutableString& url,
+                  std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,
+                  const kelnet::Configuration&) {
+      std::function<std::shared_ptr<kelnet::Response>()> answer;
+      {
+        std::lock_guard lock(mutex_);
+        if (!startResult) return false;
+        requests_.push_back({url, headers, body != nullptr, completion});
+        answer = autoAnswer;
+      }
+      if (answer) Complete(completion, answer());
+      return true;
+    };
+  }
+
+  static void Complete(kelnet::Completion completion, std::shared_ptr<kelnet::Response> response) {
+    kelcore::async::GetDefaultExecutor()->Post(
+        [completion = std::move(completion), response] { completion(kelcore::utility::Guid(), response); });
+  }
+
+  void AnswerFirst(std::shared_ptr<kelnet::Response> response) { Complete(Requests().at(0).completion, response); }
+
+  std::vector<Request> Requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+  bool startResult = true;
+  std::function<std::shared_ptr<kelnet::Response>()> autoAnswer;  // set before use
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Request> requests_;
+};
+
+inline std::string Base64NoPadding(std::string_view bytes) {
+  std::string text = kelcore::EncodeBinaryDataToBase64(bytes);
+  while (!text.empty() && text.back() == '=') text.pop_back();
+  return text;
+}
+
+// A JWT whose payload is `payloadJson` (the signature is not checked by the client).
+inline std::string MakeJwt(std::string_view payloadJson) {
+  return Base64NoPadding(R"({"alg":"HS256","typ":"JWT"})") + "." + Base64NoPadding(payloadJson) + ".c2lnbmF0dXJl";
+}
+
+inline std::string ClaimsJson(long long exp, bool withNbf = true) {
+  std::string json = R"({"_correlation_id":"c-1","_version":2,"aud":"ostrio","exp":)" + std::to_string(exp) +
+                     R"(,"iat":1700000000,"iss":"ostrio-test","jti":"j-1",)";
+  if (withNbf) json += R"("nbf":1700000000,)";
+  return json + R"("sub":"user-1","typ":"access"})";
+}
+
+inline std::shared_ptr<kelnet::Response> RefreshAnswer(int status, std::optional<std::string> authorization,
+                                                       std::optional<std::string> refreshToken) {
+  kelnet::HeaderMap headers;
+  if (authorization) headers.emplace("authorization", *authorization);
+  if (refreshToken) headers.emplace("x-refresh-token", *refreshToken);
+  return std::make_shared<kelnet::Response>(status, std::move(headers), "");
+}
+
+// Captures every log and trace record while alive.
+class LogCapture {
+ public:
+  LogCapture() {
+    kelcore::logging::SetSink([this](const kelcore::logging::Record& record) {
+      std::lock_guard lock(mutex_);
+      records_.push_back(record);
+    });
+  }
+  ~LogCapture() { kelcore::logging::SetSink(nullptr); }
+  std::vector<kelcore::logging::Record> Records() const {
+    std::lock_guard lock(mutex_);
+    return records_;
+  }
+  // Every message and field value, for "this text never appears" checks.
+  std::string AllText() const {
+    std::string text;
+    for (const auto& record : Records()) {
+      text += record.message + "\n";
+      for (const auto& [key, value] : record.fields) text += key + "=" + value + "\n";
+    }
+    return text;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<kelcore::logging::Record> records_;
+};
+
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "ostrio-auth-XXXXXX").string();
+    path_ = ::mkdtemp(pattern.data());
+  }
+  ~TemporaryDirectory() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  const std::filesystem::path& Path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// Runs the test `filter` of this binary in a new process with extra environment entries; its exit
+// status (0 when its tests passed).
+inline int RunInNewProcess(const std::string& filter, const std::vector<std::string>& environment) {
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  std::vector<std::string> args{self, "--gtest_filter=" + filter, "--gtest_also_run_disabled_tests"};
+  std::vector<char*> argv;
+  for (auto& arg : args) argv.push_back(arg.data());
+  argv.push_back(nullptr);
+  std::vector<std::string> env = environment;
+  for (char** entry = ::environ; *entry; ++entry) env.emplace_back(*entry);
+  std::vector<char*> envp;
+  for (auto& entry : env) envp.push_back(entry.data());
+  envp.push_back(nullptr);
+  pid_t pid = -1;
+  if (posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), envp.data()) != 0) return -1;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Waits for the sign-in callback posted to the pre-termination executor.
+class CallbackProbe {
+ public:
+  std::function<void(int)> Callback() {
+    return [this](int result) {
+      {
+        std::lock_guard lock(mutex_);
+        results_.push_back(result);
+      }
+      arrived_.notify_all();
+    };
+  }
+  // The next result, or nullopt if none arrived (only after kHangGuard).
+  std::optional<int> Next() {
+    std::unique_lock lock(mutex_);
+    if (!arrived_.wait_for(lock, kHangGuard, [&] { return taken_ < results_.size(); })) return std::nullopt;
+    return results_[taken_++];
+  }
+  std::size_t Count() {
+    std::lock_guard lock(mutex_);
+    return results_.size();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<int> results_;
+  std::size_t taken_ = 0;
+};
+
+}  // namespace ostriolib::testing

@@ -1,0 +1,250 @@
+// Access-token refresh: when it happens, what is sent, how answers are judged, single flight.
+
+#include <gtest/gtest.h>
+
+#include <latch>
+#include <thread>
+
+#include "AuthTestSupport.h"
+#include "kelcore/KeychainUtils.h"
+#include "kelcore/OSUtilsWrapper.h"
+
+namespace ostriolib {
+namespace {
+
+using kelcore::ImmutableString;
+using kelcore::async::Future;
+using kelcore::classref::AllocateClassInstance;
+using kelcore::classref::InterfaceRef;
+using testing::RefreshAnswer;
+
+constexpr char16_t kService[] = u"com.corvane.ostrio.token";
+constexpr std::int64_t kNow = 1'700'000'000;
+const std::string kRefreshUrl = "https://api.ostrio.test:8443/v2/auth/refresh_tokens/rt-1/apply";
+
+class TokenRefreshTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    keychain = kelcore::KeychainUtils::CreateMemoryKeychain();
+    manager = AllocateClassInstance<OstrioAuthManager>(
+                  keychain, InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<kelcore::RecordingOSUtilsWrapper>()))
+                  .Shared();
+    manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
+    manager->SetClock([] { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); });
+    manager->SetPostFunction(transport.Function());
+    SignIn(kNow + 3600);
+  }
+
+  // Signed in from a stored record whose token expires at `expires`.
+  void SignIn(std::int64_t expires) {
+    manager->Logout();
+    manager->StoreCredentials("expires=" + std::to_string(expires) + "&refreshToken=rt-1&token=Bearer%20old&userId=u-1");
+    ASSERT_EQ(manager->LoadCredentials(), 0);
+  }
+
+  std::string Stored() {
+    return kelcore::UTF16ToUTF8(keychain->GetPassword(kService, manager->GetCredentialAccountName(), true));
+  }
+
+  // Waits for the outcome: the token, or the failure.
+  static std::pair<std::string, std::exception_ptr> Outcome(const Future<ImmutableString>& future) {
+    if (!future.WaitFor(testing::kHangGuard)) return {"<hung>", nullptr};
+    if (auto error = future.GetException()) return {"", error};
+    return {future.Get().ToStdString(), nullptr};
+  }
+
+  InterfaceRef<kelcore::IKeychainUtils> keychain;
+  testing::ScriptedTransport transport;
+  std::shared_ptr<OstrioAuthManager> manager;
+};
+
+TEST_F(TokenRefreshTest, RefreshesOnlyWithAnHourOrLessLeft) {
+  SignIn(kNow + 3601);
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, "old");
+  EXPECT_TRUE(transport.Requests().empty());
+
+  SignIn(kNow + 3600);
+  const std::string jwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
+  transport.autoAnswer = [&] { return RefreshAnswer(200, "Bearer " + jwt, "rt-2"); };
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+
+  const auto requests = transport.Requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].url.View(), kRefreshUrl);
+  EXPECT_FALSE(requests[0].hasBody);
+  EXPECT_EQ(requests[0].headers, (kelnet::HeaderMap{{"content-type", "application/x-www-form-urlencoded"},
+                                                    {"x-ostrio-client", "acme+Editor/1.0.1"}}));
+  EXPECT_EQ(Stored(), "expires=" + std::to_string(kNow + 86400) + "&refreshToken=rt-2&token=Bearer%20" + jwt +
+                          "&userId=u-1");
+}
+
+TEST_F(TokenRefreshTest, PreviewHeaderOnlyInDevelopment) {
+  const std::string jwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
+  transport.autoAnswer = [&] { return RefreshAnswer(200, jwt, "rt-2"); };  // a bare token works too
+  manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "pr-42");
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+  SignIn(kNow);
+  manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentStaging, "pr-42");
+  Outcome(manager->RefreshAccessTokenIfNeeded());
+
+  const auto requests = transport.Requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].headers.count("x-preview-environment"), 1u);
+  EXPECT_EQ(requests[0].headers.find("x-preview-environment")->second.View(), "pr-42");
+  EXPECT_EQ(requests[1].headers.count("x-preview-environment"), 0u);
+}
+
+TEST_F(TokenRefreshTest, WrappedClaimsAreUnwrapped) {
+  const std::string jwt = testing::MakeJwt(R"({"SerializerWrappedObject":)" + testing::ClaimsJson(kNow + 500) + "}");
+  transport.autoAnswer = [&] { return RefreshAnswer(200, "Bearer " + jwt, "rt-2"); };
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+  EXPECT_EQ(Stored().substr(0, 19), "expires=" + std::to_string(kNow + 500) + "&");
+}
+
+struct BadAnswer {
+  const char* name;
+  std::function<std::shared_ptr<kelnet::Response>()> answer;
+  kelcore::Result code;
+  const char* expression;  // of the kel_exception, when it is one of ours
+};
+
+class UnusableAnswerTest : public TokenRefreshTest, public ::testing::WithParamInterface<BadAnswer> {};
+
+TEST_P(UnusableAnswerTest, FailsAndSignsOut) {
+  transport.autoAnswer = GetParam().answer;
+  testing::LogCapture log;
+  const auto [token, error] = Outcome(manager->RefreshAccessTokenIfNeeded());
+  ASSERT_TRUE(error) << token;
+  EXPECT_EQ(kelcore::ExtractResultFromException(error), GetParam().code);
+  try {
+    std::rethrow_exception(error);
+  } catch (const kelcore::kel_exception& e) {
+    if (*GetParam().expression) {
+      EXPECT_EQ(e.Expression(), GetParam().expression);
+    }
+    EXPECT_EQ(std::string(e.what()).find("old"), std::string::npos);
+  }
+  EXPECT_EQ(manager->GetAccessToken().View(), "");
+  EXPECT_EQ(manager->GetRefreshToken().View(), "");
+  EXPECT_EQ(Stored(), "");
+  EXPECT_EQ(log.AllText().find("rt-1"), std::string::npos);
+}
+
+const std::string kGoodJwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
+const kelcore::Result kMissingKeyCode =
+    kelcore::ExtractResultFromException(std::make_exception_ptr(kelcore::missing_key_exception("nbf", "x")));
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, UnusableAnswerTest,
+    ::testing::Values(
+        BadAnswer{"Status199", [] { return RefreshAnswer(199, "Bearer " + kGoodJwt, "rt-2"); },
+                  kelcore::kErrorRefreshRejected, "!response->IsSuccess()"},
+        BadAnswer{"Status300", [] { return RefreshAnswer(300, "Bearer " + kGoodJwt, "rt-2"); },
+                  kelcore::kErrorRefreshRejected, "!response->IsSuccess()"},
+        BadAnswer{"NoAuthorization", [] { return RefreshAnswer(200, std::nullopt, "rt-2"); },
+                  kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()"},
+        BadAnswer{"NoRefreshToken", [] { return RefreshAnswer(200, "Bearer " + kGoodJwt, std::nullopt); },
+                  kelcore::kErrorRefreshRejected, "refreshToken.empty()"},
+        BadAnswer{"OneDotJwt", [] { return RefreshAnswer(200, "Bearer abc.def", "rt-2"); },
+                  kelcore::kErrorRefreshRejected, "decodedPayload.empty()"},
+        BadAnswer{"MissingNbf",
+                  [] { return RefreshAnswer(200, "Bearer " + testing::MakeJwt(testing::ClaimsJson(kNow, false)), "rt-2"); },
+                  kMissingKeyCode, ""},
+        BadAnswer{"PayloadNotJson", [] { return RefreshAnswer(200, "Bearer " + testing::MakeJwt("{nope"), "rt-2"); },
+                  kelcore::kErrorFailed, ""},
+        BadAnswer{"NoResponse", [] { return std::shared_ptr<kelnet::Response>(); }, kelcore::kErrorNoResponse,
+                  "!response"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(TokenRefreshTest, MissingClaimIsNamed) {
+  transport.autoAnswer = [] {
+    return RefreshAnswer(200, "Bearer " + testing::MakeJwt(testing::ClaimsJson(kNow, false)), "rt-2");
+  };
+  try {
+    manager->RefreshAccessTokenIfNeeded().Get();
+    FAIL() << "refresh succeeded";
+  } catch (const kelcore::missing_key_exception& e) {
+    EXPECT_EQ(e.Key(), "nbf");
+    EXPECT_EQ(e.TypeName(), "ostriolib::JwtTokenData");
+  }
+}
+
+TEST_F(TokenRefreshTest, NoRequestWithoutTokens) {
+  transport.startResult = false;
+  EXPECT_EQ(kelcore::ExtractResultFromException(Outcome(manager->RefreshAccessTokenIfNeeded()).second),
+            kelcore::kErrorFailed);  // the POST could not start: signed out as well
+  EXPECT_EQ(kelcore::ExtractResultFromException(Outcome(manager->RefreshAccessTokenIfNeeded()).second),
+            kelcore::kErrorNotSignedIn);
+
+  manager->StoreCredentials("expires=" + std::to_string(kNow) + "&refreshToken=&token=Bearer%20old&userId=u-1");
+  ASSERT_EQ(manager->LoadCredentials(), 0);
+  EXPECT_EQ(kelcore::ExtractResultFromException(Outcome(manager->RefreshAccessTokenIfNeeded()).second),
+            kelcore::kErrorNoRefreshToken);
+  EXPECT_EQ(Stored(), "");
+}
+
+TEST_F(TokenRefreshTest, OneRequestForFiftyConcurrentCallers) {
+  constexpr int kCallers = 50;
+  std::vector<Future<ImmutableString>> results(kCallers);
+  std::latch start(kCallers);
+  std::vector<std::thread> callers;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.emplace_back([&, i] {
+      start.arrive_and_wait();
+      results[i] = manager->RefreshAccessTokenIfNeeded();
+    });
+  }
+  for (auto& caller : callers) caller.join();
+  ASSERT_EQ(transport.Requests().size(), 1u);
+
+  // While it runs, every other caller got the old token at once.
+  std::vector<std::size_t> waiting;
+  for (std::size_t i = 0; i < results.size(); ++i) {
+    if (results[i].IsReady()) {
+      EXPECT_EQ(results[i].Get().View(), "old");
+    } else {
+      waiting.push_back(i);
+    }
+  }
+  ASSERT_EQ(waiting.size(), 1u);
+
+  const std::string jwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
+  transport.AnswerFirst(RefreshAnswer(200, "Bearer " + jwt, "rt-2"));
+  EXPECT_EQ(Outcome(results[waiting[0]]).first, jwt);
+  // The marker is gone: the next caller is answered from the new, valid token.
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+  EXPECT_EQ(transport.Requests().size(), 1u);
+}
+
+TEST_F(TokenRefreshTest, PendingRefreshWithNoCachedTokenFails) {
+  auto first = manager->RefreshAccessTokenIfNeeded();
+  ASSERT_EQ(transport.Requests().size(), 1u);
+  manager->Logout();
+  auto second = manager->RefreshAccessTokenIfNeeded();
+  ASSERT_TRUE(second.IsReady());
+  try {
+    second.Get();
+    FAIL();
+  } catch (const kelcore::kel_exception& e) {
+    EXPECT_EQ(e.GetResult(), kelcore::kErrorNotSignedIn);
+    EXPECT_EQ(e.Message(), "Refresh access token pending, with no cached access token.");
+  }
+  transport.AnswerFirst(RefreshAnswer(401, std::nullopt, std::nullopt));
+  EXPECT_TRUE(Outcome(first).second);
+}
+
+TEST_F(TokenRefreshTest, ManagerGoneBeforeTheAnswer) {
+  auto pending = manager->RefreshAccessTokenIfNeeded();
+  manager.reset();
+  transport.AnswerFirst(RefreshAnswer(200, "Bearer " + kGoodJwt, "rt-2"));
+  const auto error = Outcome(pending).second;
+  EXPECT_EQ(kelcore::ExtractResultFromException(error), kelcore::kErrorPreconditionFailed);
+  try {
+    std::rethrow_exception(error);
+  } catch (const kelcore::kel_exception& e) {
+    EXPECT_EQ(e.Expression(), "!strongThis");
+  }
+}
+
+}  // namespace
+}  // namespace ostriolib
