@@ -1,0 +1,104 @@
+// JSON text -> Dictionary -> JSON text -> Dictionary must be stable, and must agree with
+// simdjson's own DOM parser about what is JSON.
+
+#include <simdjson.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "kelcore/Dictionary.h"
+
+using kelcore::utility::Dictionary;
+using kelcore::utility::DictionaryValue;
+using kelcore::utility::JSONParseToDictionaryValue;
+using kelcore::utility::JSONWrite;
+
+namespace {
+
+void Check(bool condition) {
+  if (!condition) std::abort();
+}
+
+bool DomAccepts(std::string_view text) {
+  static simdjson::dom::parser parser;
+  simdjson::dom::element root;
+  return parser.parse(simdjson::padded_string(text)).get(root) == simdjson::SUCCESS;
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+// Our contract reads integers beyond 64 bits as doubles where simdjson's DOM refuses them (a
+// negative one may have only 19 digits). With each such literal shortened, the DOM must accept
+// whatever we accepted.
+std::string ShortenBigIntegers(std::string_view text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size();) {
+    std::size_t end = i;
+    while (end < text.size() && IsDigit(text[end])) ++end;
+    const bool startsToken = i == 0 || !(IsDigit(text[i - 1]) || text[i - 1] == '.' || text[i - 1] == 'e' ||
+                                         text[i - 1] == 'E' || text[i - 1] == '+');
+    if (end - i >= 19 && text[i] != '0' && startsToken) {
+      out += '1';
+      i = end;
+    } else if (end > i) {
+      out.append(text.substr(i, end - i));
+      i = end;
+    } else {
+      out += text[i++];
+    }
+  }
+  return out;
+}
+
+// Every visible member is found by its own key, with its own value.
+void CheckLookups(const DictionaryValue& value, int depth) {
+  if (depth > 8) return;
+  if (value.IsObject()) {
+    const Dictionary object = value.AsDictionary();
+    const auto entries = object.Entries();
+    Check(entries.size() == object.size());
+    for (const auto& [key, member] : entries) {
+      const auto found = object.Get(key.View());
+      Check(found && *found == member);
+      CheckLookups(member, depth + 1);
+    }
+  } else if (value.IsArray()) {
+    const auto elements = value.AsArray();
+    Check(elements.size() == value.Size());
+    for (const auto& element : elements) CheckLookups(element, depth + 1);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view input(reinterpret_cast<const char*>(data), size);
+  std::string error;
+  const auto first = JSONParseToDictionaryValue(data, size, &error);
+  if (!first) {
+    Check(!error.empty() && error.find('\n') == std::string::npos);
+    Check(!DomAccepts(input));
+    return 0;
+  }
+  Check(error.empty());
+  if (!DomAccepts(input)) Check(DomAccepts(ShortenBigIntegers(input)));
+
+  const std::string text = JSONWrite(*first);
+  Check(DomAccepts(text));
+  const auto second = JSONParseToDictionaryValue(text.data(), text.size(), &error);
+  Check(second.has_value());
+  Check(*second == *first);
+  Check(JSONWrite(*second) == text);
+  CheckLookups(*first, 0);
+
+  // A written-to copy of a parsed object writes the change and leaves the original alone.
+  if (first->IsObject()) {
+    Dictionary copy = first->AsDictionary();
+    copy.Set("\xF0\x9F\x94\x91 fuzz", DictionaryValue(std::vector<DictionaryValue>{*first}));
+    const auto third = JSONParseToDictionaryValue(JSONWrite(copy).data(), JSONWrite(copy).size());
+    Check(third && *third == DictionaryValue(copy));
+    Check(JSONWrite(*first) == text);
+  }
+  return 0;
+}
