@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <charconv>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <limits>
@@ -88,6 +89,12 @@ void DoSimpleAssert(std::string_view condition, const char* function, int line) 
     }
   }
 #endif
+}
+
+std::string ResultText(Result code) {
+  char text[16];
+  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(code));
+  return text;
 }
 
 // Optional '-', then digits up to the first non-digit; no digit or overflow gives 0.
@@ -481,8 +488,12 @@ Future<ImmutableString> OstrioAuthManager::GetOstrioAccessToken(bool forceRefres
     KEL_THROW_IF_IN(!strongThis, kelcore::kErrorPreconditionFailed, "",
                     "ostriolib::OstrioAuthManager::GetOstrioAccessToken::<lambda_1>::operator ()");
     const std::exception_ptr error = done.GetException();
-    if (kelcore::ResultFailed(kelcore::ExtractResultFromException(error))) {
+    const Result code = kelcore::ExtractResultFromException(error);
+    if (kelcore::ResultFailed(code)) {
       // A refresh token the service turned down will not work later either.
+      if (kelcore::logging::IsTraceEnabled(kTraceCategory, 3)) {
+        kelcore::logging::Trace(kTraceCategory, 3, "Ostrio access token refresh failed, signing out: " + ResultText(code));
+      }
       strongThis->Logout();
       std::rethrow_exception(error);
     }
@@ -495,6 +506,9 @@ Future<ImmutableString> OstrioAuthManager::GetOstrioAccessToken(bool forceRefres
       expiresAt = strongThis->expiresAt_;
     }
     strongThis->SaveCredentials(userId, accessToken, refreshToken, expiresAt);
+    if (kelcore::logging::IsTraceEnabled(kTraceCategory, 5)) {
+      kelcore::logging::Trace(kTraceCategory, 5, "Ostrio access token refreshed, expires at " + expiresAt.ToStdString());
+    }
     return accessToken;
   });
 }
