@@ -136,6 +136,9 @@ TEST_F(SignInEndToEndTest, SignInPersistsRefreshesAndSignsOutOnRejection) {
                            "/welcome?legacy_auth=false&auth_callback=ostrio-e2e://ostrio");
   const auto [status, redirect] = ApproveSignIn(signInUrl, emulator->CaPath());
   ASSERT_EQ(status, 302);
+  const auto signInRequests = ParseJson(emulator->ControlGet("requests")).GetArray("requests");
+  ASSERT_EQ(signInRequests.size(), 1u);
+  EXPECT_EQ(signInRequests[0].AsDictionary().GetString("url"), signInUrl + "&approve=1");
   ASSERT_EQ(redirect.rfind("ostrio-e2e://ostrio#", 0), 0u) << "redirect to another place";
   const std::string record = redirect.substr(redirect.find('#') + 1);
   secrets.push_back(Field(record, "token"));
@@ -171,8 +174,8 @@ TEST_F(SignInEndToEndTest, SignInPersistsRefreshesAndSignsOutOnRejection) {
   ASSERT_EQ(requests.size(), 1u);
   const Dictionary request = requests[0].AsDictionary();
   EXPECT_EQ(request.GetString("method"), "POST");
-  EXPECT_EQ(request.GetString("host"), "api" + emulator->Suffix());
-  EXPECT_EQ(request.GetString("path"), "/v2/auth/refresh_tokens/" + oldRefreshToken + "/apply");
+  EXPECT_EQ(request.GetString("url"),
+            "https://api" + emulator->Suffix() + "/v2/auth/refresh_tokens/" + oldRefreshToken + "/apply");
   EXPECT_EQ(request.GetString("body"), "");
   std::map<std::string, std::string> headers;
   for (const auto& header : request.GetArray("headers")) {
