@@ -175,36 +175,6 @@ TEST_F(SignInTest, LogoutClearsMemoryAndStoreAndReportsWhenNothingWasStored) {
   EXPECT_EQ(probe.Count(), 1u);
 }
 
-// A store that cannot remove: sign-out must not claim success.
-class StuckKeychain final : public kelcore::IKeychainUtils {
- public:
-  kelcore::Result AddPassword(const std::u16string& s, const std::u16string& a, const std::u16string& v,
-                              bool p) override {
-    return inner->AddPassword(s, a, v, p);
-  }
-  std::u16string GetPassword(const std::u16string& s, const std::u16string& a, bool p) override {
-    return inner->GetPassword(s, a, p);
-  }
-  bool RemovePassword(const std::u16string&, const std::u16string&, bool) override { return false; }
-  std::u16string GetUserName() override { return u"tester"; }
-  const kelcore::ImmutableString& GetUnknownTypeName() const override {
-    static const kelcore::ImmutableString name("StuckKeychain");
-    return name;
-  }
-  void* QueryMap(std::string_view) override { return nullptr; }
-  InterfaceRef<kelcore::IKeychainUtils> inner = kelcore::KeychainUtils::CreateMemoryKeychain();
-};
-
-TEST_F(SignInTest, LogoutFailsWhenTheRecordCannotBeRemoved) {
-  Reset(InterfaceRef<kelcore::IKeychainUtils>(std::make_shared<StuckKeychain>()));
-  EXPECT_EQ(manager->GetCredentialAccountName(), u"credentials_tester");
-  Store(Record(std::to_string(kNow + 7200)));
-  testing::LogCapture log;
-  EXPECT_EQ(manager->Logout(), kelcore::kErrorInvalidArgument);
-  ASSERT_FALSE(log.Records().empty());
-  EXPECT_EQ(log.Records().front().fields.at(0).second, "passwordRemoved");
-}
-
 TEST_F(SignInTest, CallbackIsDroppedWhenTheManagerIsGone) {
   std::latch release(1);
   kelcore::async::GetPreTerminationExecutor()->Post([&] { release.wait(); });
