@@ -72,7 +72,10 @@ TEST_F(DownloadIntegrationTest, TwoGigabytesVerifiedWithFlatMemory) {
   EXPECT_EQ(response->StatusCode(), 200);
   EXPECT_TRUE(sink.Complete(size));
   EXPECT_EQ(lastProgress.totalBytes, size);
-  EXPECT_LT(peak - before, 64 * 1024) << "peak RSS grew by " << (peak - before) / 1024 << " MiB";
+  // Sanitizers keep freed memory in quarantine, so only a plain build can be held to the ceiling.
+  if (!kSanitized) {
+    EXPECT_LT(peak - before, 64 * 1024) << "peak RSS grew by " << (peak - before) / 1024 << " MiB";
+  }
   // More than one range went out at once, each guarded against a change of the resource.
   int ranged = 0;
   for (const auto& entry : Requests()) {

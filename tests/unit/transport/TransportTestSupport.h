@@ -87,7 +87,10 @@ class FakeTransport : public ITransport {
       --inFlight;
       --inFlightPerHost[request->Host()];
     }
-    request->completion(request->id, request->cancelled ? nullptr : response);
+    // Dropped once called, as the real transport does: they hold the pipeline alive.
+    auto completion = std::move(request->completion);
+    request->onData = nullptr;
+    completion(request->id, request->cancelled ? nullptr : response);
   }
   void Answer(const FakeRequestPtr& request, int status, kelnet::HeaderMap headers = {}, std::string body = {}) {
     Answer(request, std::make_shared<kelnet::Response>(status, std::move(headers), std::move(body)));
