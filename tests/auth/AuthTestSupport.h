@@ -170,10 +170,9 @@ class CallbackProbe {
  public:
   std::function<void(int)> Callback() {
     return [this](int result) {
-      {
-        std::lock_guard lock(mutex_);
-        results_.push_back(result);
-      }
+      // Notified under the lock: the waiter may destroy the probe as soon as it sees the result.
+      std::lock_guard lock(mutex_);
+      results_.push_back(result);
       arrived_.notify_all();
     };
   }
