@@ -33,7 +33,8 @@ static_assert(sizeof(Slot) == 16);
 constexpr std::uint8_t kShadowed = 1;
 
 struct ParsedDocument {
-  std::vector<Slot> tape;
+  std::unique_ptr<Slot[]> tape;
+  std::uint32_t size = 0;
   std::unique_ptr<char[]> strings;
 
   static bool IsContainer(Kind kind) noexcept { return kind == Kind::Array || kind == Kind::Object; }
@@ -107,157 +108,119 @@ namespace {
 // empty); the On-Demand path stops at 1023 so nothing it accepts is refused when read again.
 constexpr std::size_t kMaxDepth = 1023;
 
-// Builds one tape in document order. Both parse paths feed it the same events, so every parsed
-// document has one layout whichever path produced it.
-class TapeBuilder {
- public:
-  struct Frame {
-    std::uint32_t slot;
-    std::uint32_t count;
-    std::uint32_t keyBase;
-    bool object;
-  };
+// Spare bytes after the string buffer: short strings are copied in whole 16-byte blocks and key
+// hashes read 8 bytes at a time, both running past the end of the text itself.
+constexpr std::size_t kStringSlack = 64;
 
-  TapeBuilder(std::size_t inputLength, std::size_t slotEstimate, std::vector<Frame>& stack,
-              std::vector<std::uint32_t>& keys)
-      : document_(std::make_shared<ParsedDocument>()), stack_(stack), keys_(keys) {
-    // Unescaped text is never longer than its JSON form, so one buffer of the input's size holds
-    // every string of the document.
-    stringsCapacity_ = inputLength + 1;
-    document_->strings.reset(new char[stringsCapacity_]);
-    document_->tape.reserve(slotEstimate);
-    stack_.clear();
-    keys_.clear();
-  }
+std::uint64_t Load64(const char* p) noexcept {
+  std::uint64_t value;
+  std::memcpy(&value, p, sizeof value);
+  return value;
+}
 
-  std::size_t Depth() const noexcept { return stack_.size(); }
-  bool ExpectingKey() const noexcept { return !stack_.empty() && stack_.back().object && expectKey_; }
+// A hash of a key's length and first and last 8 bytes: enough to tell the keys of one object
+// apart almost always, for a couple of loads and multiplies. Reads 8 bytes even of shorter keys.
+std::uint64_t KeyHash(const char* text, std::uint32_t length) noexcept {
+  std::uint64_t head = 0;
+  std::uint64_t tail = 0;
+  if (length >= 8) {
+    head = Load64(text);
+    tail = Load64(text + length - 8);
+  } else if (length) {
+    head = Load64(text) & (~std::uint64_t{0} >> (64 - 8 * length));
+  }
+  return (head * 0x9E3779B97F4A7C15ull) ^ ((tail ^ length) * 0xC2B2AE3D27D4EB4Full);
+}
 
-  void Begin(Kind kind) {
-    Push(kind, 0);
-    stack_.push_back({static_cast<std::uint32_t>(document_->tape.size() - 1), 0,
-                      static_cast<std::uint32_t>(keys_.size()), kind == Kind::Object});
-    expectKey_ = true;
+// Copies text from simdjson's DOM string buffer into ours; both have slack past their last
+// string (simdjson's is padded by SIMDJSON_PADDING) for the overshoot of short copies.
+void CopyText(char* destination, const void* source, std::size_t length) noexcept {
+  if (length <= 32) {
+    std::memcpy(destination, source, 16);
+    std::memcpy(destination + 16, static_cast<const char*>(source) + 16, 16);
+  } else {
+    std::memcpy(destination, source, length);
   }
+}
 
-  void End() {
-    Frame frame = stack_.back();
-    stack_.pop_back();
-    if (frame.object) frame.count -= ShadowDuplicates(frame.keyBase);
-    Slot& slot = document_->tape[frame.slot];
-    slot.count = frame.count;
-    slot.payload = document_->tape.size();
-    expectKey_ = true;
-  }
+std::uint32_t NextSlot(const Slot* slots, std::uint32_t i) noexcept {
+  return ParsedDocument::IsContainer(slots[i].kind) ? static_cast<std::uint32_t>(slots[i].payload) : i + 1;
+}
 
-  void Key(std::string_view text) {
-    keys_.push_back(static_cast<std::uint32_t>(document_->tape.size()));
-    PushText(text);
-    expectKey_ = false;
-  }
-  void String(std::string_view text) {
-    Counted();
-    PushText(text);
-  }
-  void Scalar(Kind kind, std::uint64_t payload) {
-    Counted();
-    Push(kind, payload);
-  }
-  void Integer(std::int64_t value) { Scalar(Kind::Integer, static_cast<std::uint64_t>(value)); }
-  void Unsigned(std::uint64_t value) {
-    // Values that fit the signed kind take it, whichever way they were spelled or parsed.
-    Scalar(value > std::uint64_t(std::numeric_limits<std::int64_t>::max()) ? Kind::UnsignedInteger : Kind::Integer, value);
-  }
-  void Double(double value) { Scalar(Kind::Double, std::bit_cast<std::uint64_t>(value)); }
+bool SameText(const Slot* slots, const char* strings, std::uint32_t a, std::uint32_t b) noexcept {
+  return slots[a].count == slots[b].count &&
+         std::memcmp(strings + slots[a].payload, strings + slots[b].payload, slots[a].count) == 0;
+}
 
-  std::shared_ptr<const ParsedDocument> Finish() {
-    // Number-heavy documents leave most of the string buffer unused; give it back.
-    if (stringsUsed_ * 2 < stringsCapacity_ && stringsCapacity_ > 4096) {
-      std::unique_ptr<char[]> exact(new char[stringsUsed_ + 1]);
-      std::memcpy(exact.get(), document_->strings.get(), stringsUsed_);
-      document_->strings = std::move(exact);
-    }
-    if (document_->tape.capacity() > document_->tape.size() * 2 && document_->tape.capacity() > 256) {
-      document_->tape.shrink_to_fit();
-    }
-    return std::move(document_);
-  }
+// Duplicate keys are caught as keys are added: each key sets one bit of a 128-bit filter, and
+// only a key whose bit is already set is compared with the earlier keys, so objects of distinct
+// keys (all of them, in practice) cost a few instructions per key. Past kIncrementalKeys the
+// filter is too full to help and the object is checked in full, sorted, when it closes.
+constexpr std::uint32_t kIncrementalKeys = 64;
 
- private:
-  void Counted() {
-    if (!stack_.empty()) {
-      Frame& frame = stack_.back();
-      ++frame.count;
-      if (frame.object) expectKey_ = true;
+// True when the key at `key` repeats an earlier visible key of the object at `object`.
+bool RepeatsEarlierKey(const Slot* slots, const char* strings, std::uint32_t object, std::uint32_t key) noexcept {
+  for (std::uint32_t earlier = object + 1; earlier < key; earlier = NextSlot(slots, earlier + 1)) {
+    if (!(slots[earlier].flags & detail::kShadowed) && SameText(slots, strings, earlier, key)) return true;
+  }
+  return false;
+}
+
+// Checks an object of more than kIncrementalKeys keys in full when it closes: sorting by (text,
+// position) puts each first occurrence ahead of its repeats, in O(n log n) whatever the keys look
+// like. Returns how many keys it newly marked.
+std::uint32_t ShadowRepeatedKeys(Slot* slots, const char* strings, std::uint32_t object, std::uint32_t end,
+                                 std::vector<std::pair<std::string_view, std::uint32_t>>& sorted) {
+  sorted.clear();
+  for (std::uint32_t key = object + 1; key < end; key = NextSlot(slots, key + 1)) {
+    sorted.emplace_back(std::string_view(strings + slots[key].payload, slots[key].count), key);
+  }
+  std::sort(sorted.begin(), sorted.end());
+  std::uint32_t shadowed = 0;
+  for (std::size_t i = 1; i < sorted.size(); ++i) {
+    Slot& slot = slots[sorted[i].second];
+    if (sorted[i].first == sorted[i - 1].first && !(slot.flags & detail::kShadowed)) {
+      slot.flags |= detail::kShadowed;
+      ++shadowed;
     }
   }
-  void Push(Kind kind, std::uint64_t payload) {
-    if (kind == Kind::Array || kind == Kind::Object) Counted();
-    document_->tape.push_back(Slot{kind, 0, 0, 0, payload});
-  }
-  void PushText(std::string_view text) {
-    std::memcpy(document_->strings.get() + stringsUsed_, text.data(), text.size());
-    document_->tape.push_back(Slot{Kind::String, 0, 0, static_cast<std::uint32_t>(text.size()), stringsUsed_});
-    stringsUsed_ += text.size();
-  }
+  return shadowed;
+}
 
-  bool SameKey(std::uint32_t a, std::uint32_t b) const noexcept {
-    const Slot& x = document_->tape[a];
-    const Slot& y = document_->tape[b];
-    return x.count == y.count &&
-           std::memcmp(document_->strings.get() + x.payload, document_->strings.get() + y.payload, x.count) == 0;
-  }
+// The duplicate-key check of one open object. Plain fields, copied one by one: the parse loops
+// keep them in registers.
+struct KeyCheck {
+  std::uint64_t low = 0;
+  std::uint64_t high = 0;
+  std::uint32_t keys = 0;
+  std::uint32_t shadowed = 0;
 
-  // Marks every repeated key of the object whose keys start at keys_[base]; returns how many.
-  std::uint32_t ShadowDuplicates(std::uint32_t base) {
-    const std::size_t n = keys_.size() - base;
-    std::uint32_t shadowed = 0;
-    auto& tape = document_->tape;
-    if (n > 1 && n <= 16) {
-      for (std::size_t i = base + 1; i < keys_.size(); ++i) {
-        for (std::size_t j = base; j < i; ++j) {
-          if (!(tape[keys_[j]].flags & detail::kShadowed) && SameKey(keys_[i], keys_[j])) {
-            tape[keys_[i]].flags |= detail::kShadowed;
-            ++shadowed;
-            break;
-          }
-        }
-      }
-    } else if (n > 16) {
-      // Large objects: sort by (hash, position) so duplicates meet and the earliest comes first.
-      sorted_.clear();
-      for (std::size_t i = base; i < keys_.size(); ++i) {
-        const Slot& slot = tape[keys_[i]];
-        const std::string_view text(document_->strings.get() + slot.payload, slot.count);
-        sorted_.emplace_back(std::hash<std::string_view>{}(text), keys_[i]);
-      }
-      std::sort(sorted_.begin(), sorted_.end());
-      for (std::size_t i = 0; i < sorted_.size();) {
-        std::size_t run = i + 1;
-        while (run < sorted_.size() && sorted_[run].first == sorted_[i].first) ++run;
-        for (std::size_t a = i + 1; a < run; ++a) {
-          for (std::size_t b = i; b < a; ++b) {
-            if (!(tape[sorted_[b].second].flags & detail::kShadowed) && SameKey(sorted_[a].second, sorted_[b].second)) {
-              tape[sorted_[a].second].flags |= detail::kShadowed;
-              ++shadowed;
-              break;
-            }
-          }
-        }
-        i = run;
-      }
+  // `key` (a slot already written, hashed as `hash`) is the newest key of the object at `object`.
+  void Add(Slot* slots, const char* strings, std::uint32_t object, std::uint32_t key, std::uint64_t hash) noexcept {
+    if (++keys > kIncrementalKeys) return;
+    const std::uint64_t bit = std::uint64_t{1} << (hash >> 58);
+    std::uint64_t& word = (hash >> 57) & 1 ? high : low;
+    if (!(word & bit)) {
+      word |= bit;
+    } else if (RepeatsEarlierKey(slots, strings, object, key)) {
+      slots[key].flags |= detail::kShadowed;
+      ++shadowed;
     }
-    keys_.resize(base);
+  }
+
+  // The repeated keys in all, once the object (members up to `end`) has closed.
+  std::uint32_t Finish(Slot* slots, const char* strings, std::uint32_t object, std::uint32_t end,
+                       std::vector<std::pair<std::string_view, std::uint32_t>>& sorted) {
+    if (keys > kIncrementalKeys) shadowed += ShadowRepeatedKeys(slots, strings, object, end, sorted);
     return shadowed;
   }
+};
 
-  std::shared_ptr<ParsedDocument> document_;
-  std::vector<Frame>& stack_;
-  std::vector<std::uint32_t>& keys_;
-  std::vector<std::pair<std::size_t, std::uint32_t>> sorted_;
-  std::size_t stringsCapacity_ = 0;
-  std::size_t stringsUsed_ = 0;
-  bool expectKey_ = true;
+struct Frame {
+  std::uint32_t slot;         // the container's own slot
+  std::uint32_t parentCount;  // the enclosing container's count so far
+  KeyCheck parentKeys;        // the enclosing object's duplicate check
+  bool parentIsObject;
 };
 
 // Per-thread parse state, reused from one parse to the next so a parse allocates only the
@@ -267,8 +230,8 @@ struct ParseScratch {
   simdjson::ondemand::parser onDemand;
   std::unique_ptr<char[]> input;
   std::size_t inputCapacity = 0;
-  std::vector<TapeBuilder::Frame> stack;
-  std::vector<std::uint32_t> keys;
+  std::vector<Frame> frames = std::vector<Frame>(kMaxDepth + 2);
+  std::vector<std::pair<std::string_view, std::uint32_t>> sorted;
 
   // Copies the text into a buffer with the zeroed padding simdjson reads past the end.
   const char* Pad(const void* data, std::size_t length) {
@@ -280,6 +243,52 @@ struct ParseScratch {
     std::memset(input.get() + length, 0, simdjson::SIMDJSON_PADDING);
     return input.get();
   }
+};
+
+// A document under construction: the tape is sized from an upper bound (or grows, on the
+// On-Demand path), and the string buffer holds the whole input's worth of text, since
+// unescaped text is never longer than its JSON form.
+class DocumentBuffers {
+ public:
+  DocumentBuffers(std::size_t inputLength, std::size_t slotCapacity)
+      : document_(std::make_shared<ParsedDocument>()), capacity_(std::max<std::size_t>(slotCapacity, 4)),
+        stringsCapacity_(inputLength) {
+    document_->tape.reset(new Slot[capacity_]);
+    document_->strings.reset(new char[stringsCapacity_ + kStringSlack]);
+  }
+
+  Slot* Slots() const noexcept { return document_->tape.get(); }
+  char* Strings() const noexcept { return document_->strings.get(); }
+  std::size_t Capacity() const noexcept { return capacity_; }
+
+  void Grow() {
+    const std::size_t capacity = capacity_ * 2;
+    std::unique_ptr<Slot[]> tape(new Slot[capacity]);
+    std::memcpy(tape.get(), document_->tape.get(), capacity_ * sizeof(Slot));
+    document_->tape = std::move(tape);
+    capacity_ = capacity;
+  }
+
+  std::shared_ptr<const ParsedDocument> Finish(std::uint32_t slots, std::size_t stringBytes) {
+    document_->size = slots;
+    // Give back what a number-heavy document left unused of either buffer.
+    if (stringBytes * 4 < stringsCapacity_ && stringsCapacity_ > 4096) {
+      std::unique_ptr<char[]> exact(new char[stringBytes + 1]);
+      std::memcpy(exact.get(), document_->strings.get(), stringBytes);
+      document_->strings = std::move(exact);
+    }
+    if (std::size_t{slots} * 2 < capacity_ && capacity_ > 256) {
+      std::unique_ptr<Slot[]> exact(new Slot[slots]);
+      std::memcpy(exact.get(), document_->tape.get(), slots * sizeof(Slot));
+      document_->tape = std::move(exact);
+    }
+    return std::move(document_);
+  }
+
+ private:
+  std::shared_ptr<ParsedDocument> document_;
+  std::size_t capacity_;
+  std::size_t stringsCapacity_;
 };
 
 // Documents above this size get a parser of their own instead of leaving a thread holding
@@ -295,71 +304,193 @@ simdjson::error_code ParseWithDom(ParseScratch& scratch, const char* text, std::
                                   std::shared_ptr<const ParsedDocument>& out) {
   simdjson::dom::element root;
   if (auto error = scratch.dom.parse(text, length, false).get(root)) return error;
-  const std::uint64_t* tape = scratch.dom.doc.tape.get();
-  const std::uint8_t* strings = scratch.dom.doc.string_buf.get();
-  // The root word holds the tape's length; the last word closes the root again.
-  const std::size_t end = (tape[0] & simdjson::internal::JSON_VALUE_MASK) - 1;
-  TapeBuilder builder(length, end, scratch.stack, scratch.keys);
+  const std::uint64_t* words = scratch.dom.doc.tape.get();
+  const std::uint8_t* source = scratch.dom.doc.string_buf.get();
+  // The root word holds the tape's length; the last word closes the root again. Every value
+  // takes at least one word, so the word count bounds our slot count.
+  const std::size_t end = (words[0] & simdjson::internal::JSON_VALUE_MASK) - 1;
+  DocumentBuffers buffers(length, end);
+  Slot* const slots = buffers.Slots();
+  char* const strings = buffers.Strings();
+  Frame* const frames = scratch.frames.data();
+
+  // Hot state lives in locals so the compiler can keep it in registers across the text copies.
+  std::uint32_t n = 0;
+  std::size_t used = 0;
+  std::size_t depth = 0;
+  std::uint32_t count = 0;
+  std::uint32_t container = 0;
+  KeyCheck keys;
+  bool inObject = false;
+  bool keyNext = false;
   for (std::size_t i = 1; i < end;) {
-    const std::uint64_t word = tape[i];
+    const std::uint64_t word = words[i];
     const std::uint64_t payload = word & simdjson::internal::JSON_VALUE_MASK;
     switch (static_cast<char>(word >> 56)) {
       case '"': {
         std::uint32_t size;
-        std::memcpy(&size, strings + payload, sizeof size);
-        const std::string_view text(reinterpret_cast<const char*>(strings + payload + sizeof size), size);
-        if (builder.ExpectingKey()) {
-          builder.Key(text);
+        std::memcpy(&size, source + payload, sizeof size);
+        const char* chars = reinterpret_cast<const char*>(source + payload + sizeof size);
+        CopyText(strings + used, chars, size);
+        slots[n] = Slot{Kind::String, 0, 0, size, used};
+        if (keyNext) {
+          // Hashed from the source: reading back the bytes just copied would stall on the stores.
+          keys.Add(slots, strings, container, n, KeyHash(chars, size));
+          keyNext = false;
         } else {
-          builder.String(text);
+          ++count;
+          keyNext = inObject;
         }
+        used += size;
+        ++n;
         ++i;
-        break;
+        continue;
       }
       case 'l':
-        builder.Integer(static_cast<std::int64_t>(tape[i + 1]));
+        slots[n++] = Slot{Kind::Integer, 0, 0, 0, words[i + 1]};
         i += 2;
         break;
-      case 'u':
-        builder.Unsigned(tape[i + 1]);
+      case 'u': {
+        const std::uint64_t value = words[i + 1];
+        const bool fitsSigned = value <= std::uint64_t(std::numeric_limits<std::int64_t>::max());
+        slots[n++] = Slot{fitsSigned ? Kind::Integer : Kind::UnsignedInteger, 0, 0, 0, value};
         i += 2;
         break;
+      }
       case 'd':
-        builder.Scalar(Kind::Double, tape[i + 1]);
+        slots[n++] = Slot{Kind::Double, 0, 0, 0, words[i + 1]};
         i += 2;
         break;
       case 't':
-        builder.Scalar(Kind::Boolean, 1);
-        ++i;
-        break;
       case 'f':
-        builder.Scalar(Kind::Boolean, 0);
+        slots[n++] = Slot{Kind::Boolean, 0, 0, 0, (word >> 56) == 't' ? 1u : 0u};
         ++i;
         break;
       case 'n':
-        builder.Scalar(Kind::Null, 0);
+        slots[n++] = Slot{Kind::Null, 0, 0, 0, 0};
         ++i;
         break;
       case '{':
-        builder.Begin(Kind::Object);
+      case '[': {
+        if (depth == scratch.frames.size()) return simdjson::DEPTH_ERROR;
+        // Field by field: a whole-struct copy here stalls on the stores just made to `keys`.
+        Frame& frame = frames[depth++];
+        frame.slot = container;
+        frame.parentCount = count + 1;
+        frame.parentKeys.low = keys.low;
+        frame.parentKeys.high = keys.high;
+        frame.parentKeys.keys = keys.keys;
+        frame.parentKeys.shadowed = keys.shadowed;
+        frame.parentIsObject = inObject;
+        container = n;
+        keys = KeyCheck();
+        inObject = (word >> 56) == '{';
+        slots[n++] = Slot{inObject ? Kind::Object : Kind::Array, 0, 0, 0, 0};
+        count = 0;
+        keyNext = inObject;
         ++i;
-        break;
-      case '[':
-        builder.Begin(Kind::Array);
-        ++i;
-        break;
+        continue;
+      }
       case '}':
-      case ']':
-        builder.End();
+      case ']': {
+        if (depth == 0) return simdjson::TAPE_ERROR;
+        const Frame& frame = frames[--depth];
+        const std::uint32_t shadowed = inObject ? keys.Finish(slots, strings, container, n, scratch.sorted) : 0;
+        slots[container].count = count - shadowed;
+        slots[container].payload = n;
+        container = frame.slot;
+        count = frame.parentCount;
+        keys.low = frame.parentKeys.low;
+        keys.high = frame.parentKeys.high;
+        keys.keys = frame.parentKeys.keys;
+        keys.shadowed = frame.parentKeys.shadowed;
+        inObject = frame.parentIsObject;
+        keyNext = inObject;
         ++i;
-        break;
+        continue;
+      }
       default:
         return simdjson::TAPE_ERROR;
     }
+    // A scalar value was added.
+    ++count;
+    keyNext = inObject;
   }
-  out = builder.Finish();
+  out = buffers.Finish(n, used);
   return simdjson::SUCCESS;
 }
+
+// The same tape, built one call per value (the On-Demand path).
+class TapeBuilder {
+ public:
+  TapeBuilder(ParseScratch& scratch, std::size_t inputLength)
+      : scratch_(scratch), buffers_(inputLength, inputLength / 8 + 4) {}
+
+  std::size_t Depth() const noexcept { return depth_; }
+
+  void Begin(Kind kind) {
+    scratch_.frames[depth_++] = Frame{container_, count_ + 1, keys_, inObject_};
+    container_ = n_;
+    Push(Slot{kind, 0, 0, 0, 0});
+    keys_ = KeyCheck();
+    inObject_ = kind == Kind::Object;
+    count_ = 0;
+  }
+  void End() {
+    const Frame& frame = scratch_.frames[--depth_];
+    Slot* slots = buffers_.Slots();
+    const std::uint32_t shadowed = inObject_ ? keys_.Finish(slots, buffers_.Strings(), container_, n_, scratch_.sorted) : 0;
+    slots[container_].count = count_ - shadowed;
+    slots[container_].payload = n_;
+    container_ = frame.slot;
+    count_ = frame.parentCount;
+    keys_ = frame.parentKeys;
+    inObject_ = frame.parentIsObject;
+  }
+  void Key(std::string_view text) {
+    PushText(text);
+    keys_.Add(buffers_.Slots(), buffers_.Strings(), container_, n_ - 1,
+              KeyHash(buffers_.Strings() + buffers_.Slots()[n_ - 1].payload, static_cast<std::uint32_t>(text.size())));
+  }
+  void String(std::string_view text) {
+    PushText(text);
+    ++count_;
+  }
+  void Scalar(Kind kind, std::uint64_t payload) {
+    Push(Slot{kind, 0, 0, 0, payload});
+    ++count_;
+  }
+  void Integer(std::int64_t value) { Scalar(Kind::Integer, static_cast<std::uint64_t>(value)); }
+  void Unsigned(std::uint64_t value) {
+    // Values that fit the signed kind take it, however they were parsed.
+    Scalar(value > std::uint64_t(std::numeric_limits<std::int64_t>::max()) ? Kind::UnsignedInteger : Kind::Integer, value);
+  }
+  void Double(double value) { Scalar(Kind::Double, std::bit_cast<std::uint64_t>(value)); }
+
+  std::shared_ptr<const ParsedDocument> Finish() { return buffers_.Finish(n_, used_); }
+
+ private:
+  void Push(const Slot& slot) {
+    if (n_ == buffers_.Capacity()) buffers_.Grow();
+    buffers_.Slots()[n_++] = slot;
+  }
+  void PushText(std::string_view text) {
+    // Exact copy: the source here is simdjson's scratch, whose layout past the text is its own.
+    std::memcpy(buffers_.Strings() + used_, text.data(), text.size());
+    Push(Slot{Kind::String, 0, 0, static_cast<std::uint32_t>(text.size()), used_});
+    used_ += text.size();
+  }
+
+  ParseScratch& scratch_;
+  DocumentBuffers buffers_;
+  std::uint32_t n_ = 0;
+  std::size_t used_ = 0;
+  std::size_t depth_ = 0;
+  std::uint32_t count_ = 0;
+  std::uint32_t container_ = 0;
+  KeyCheck keys_;
+  bool inObject_ = false;
+};
 
 // --- The On-Demand path -------------------------------------------------------------------
 // simdjson's DOM stage rejects integers beyond 64 bits; JSON allows them and our contract makes
@@ -521,7 +652,7 @@ simdjson::error_code ParseOnDemand(ParseScratch& scratch, const char* text, std:
   if (auto error = scratch.onDemand.iterate(text, length, length + simdjson::SIMDJSON_PADDING).get(document)) {
     return error;
   }
-  TapeBuilder builder(length, length / 8 + 4, scratch.stack, scratch.keys);
+  TapeBuilder builder(scratch, length);
   ondemand::json_type type;
   if (auto error = document.type().get(type)) return error;
   simdjson::error_code error = simdjson::SUCCESS;

@@ -143,13 +143,17 @@ TEST(DictionaryJson, FirstOfDuplicatedKeysWins) {
     EXPECT_EQ(d.Entries().size(), d.size());
     EXPECT_EQ(JSONWrite(d).substr(0, 26), R"({"a":1,"b":{"x":[1]},"c":5)");
   }
-  std::string many = "{";
-  for (int i = 0; i < 40; ++i) many += "\"k" + std::to_string(i % 25) + "\":" + std::to_string(i) + ",";
-  many.back() = '}';
-  const Dictionary d = ParseObject(many);
-  EXPECT_EQ(d.size(), 25u);
-  for (int i = 0; i < 25; ++i) EXPECT_EQ(d.GetInteger("k" + std::to_string(i), -1), i);
-  EXPECT_EQ(*Parse(JSONWrite(d)), DictionaryValue(d));
+  // Larger objects are checked differently past 64 keys; repeats on both sides of that line.
+  for (int total : {40, 150}) {
+    const int distinct = total * 2 / 3;
+    std::string many = "{";
+    for (int i = 0; i < total; ++i) many += "\"k" + std::to_string(i % distinct) + "\":" + std::to_string(i) + ",";
+    many.back() = '}';
+    const Dictionary d = ParseObject(many);
+    EXPECT_EQ(d.size(), static_cast<std::size_t>(distinct));
+    for (int i = 0; i < distinct; ++i) EXPECT_EQ(d.GetInteger("k" + std::to_string(i), -1), i);
+    EXPECT_EQ(*Parse(JSONWrite(d)), DictionaryValue(d));
+  }
 }
 
 TEST(Dictionary, LookupsNeverThrowOnMissingKeysOrOtherKinds) {
