@@ -33,7 +33,21 @@ bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 // whatever we accepted.
 std::string ShortenBigIntegers(std::string_view text) {
   std::string out;
+  bool inString = false;
   for (std::size_t i = 0; i < text.size();) {
+    const char c = text[i];
+    // Digits inside strings are text; an escape takes the next character with it.
+    if (inString && c == '\\' && i + 1 < text.size()) {
+      out.append(text.substr(i, 2));
+      i += 2;
+      continue;
+    }
+    if (inString || c == '"') {
+      if (c == '"') inString = !inString;
+      out += c;
+      ++i;
+      continue;
+    }
     std::size_t end = i;
     while (end < text.size() && IsDigit(text[end])) ++end;
     const bool startsToken = i == 0 || !(IsDigit(text[i - 1]) || text[i - 1] == '.' || text[i - 1] == 'e' ||
