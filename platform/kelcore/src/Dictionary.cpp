@@ -3,7 +3,6 @@
 #include <simdjson.h>
 
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <charconv>
 #include <cmath>
@@ -1109,12 +1108,12 @@ void Dictionary::MakeOwned() {
     index_ = 0;
   } else if (!owned_) {
     owned_ = std::make_shared<detail::ObjectEntries>();
-  } else if (owned_.use_count() != 1) {
-    owned_ = std::make_shared<detail::ObjectEntries>(*owned_);
   } else {
-    // use_count() reads relaxed; order our writes after the reads of whoever dropped the last
-    // other reference.
-    std::atomic_thread_fence(std::memory_order_acquire);
+    // use_count() alone reads relaxed, which would not order our writes after the reads of a
+    // thread that just dropped the last other reference. Taking a reference first is an
+    // acquire-release step on the same count, and does (and ThreadSanitizer sees it).
+    const std::shared_ptr<detail::ObjectEntries> probe = owned_;
+    if (probe.use_count() != 2) owned_ = std::make_shared<detail::ObjectEntries>(*owned_);
   }
 }
 
