@@ -33,7 +33,6 @@ constexpr std::uint8_t kShadowed = 1;
 
 struct ParsedDocument {
   std::unique_ptr<Slot[]> tape;
-  std::uint32_t size = 0;
   std::unique_ptr<char[]> strings;
 
   static bool IsContainer(Kind kind) noexcept { return kind == Kind::Array || kind == Kind::Object; }
@@ -269,7 +268,6 @@ class DocumentBuffers {
   }
 
   std::shared_ptr<const ParsedDocument> Finish(std::uint32_t slots, std::size_t stringBytes) {
-    document_->size = slots;
     // Give back what a number-heavy document left unused of either buffer.
     if (stringBytes * 4 < stringsCapacity_ && stringsCapacity_ > 4096) {
       std::unique_ptr<char[]> exact(new char[stringBytes + 1]);
@@ -498,8 +496,8 @@ class TapeBuilder {
 
 namespace ondemand = simdjson::ondemand;
 
-// JSON's number grammar, checked on the token before simdjson reads a big integer as a double,
-// so leniency in that conversion cannot let malformed numbers through.
+// JSON's number grammar, checked on every token of this path before simdjson converts it, so
+// that reading big integers as doubles cannot let malformed numbers through.
 bool IsJSONNumber(std::string_view token) noexcept {
   while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\n' || token.back() == '\r')) {
     token.remove_suffix(1);
@@ -539,6 +537,9 @@ simdjson::error_code TokenOf(simdjson::simdjson_result<std::string_view> raw, st
 
 template <class Source>  // ondemand::value or ondemand::document (a scalar root)
 simdjson::error_code BuildNumber(Source& source, TapeBuilder& builder) {
+  std::string_view token;
+  if (auto error = TokenOf(source.raw_json_token(), token)) return error;
+  if (!IsJSONNumber(token)) return simdjson::NUMBER_ERROR;
   ondemand::number_type type;
   if (auto error = source.get_number_type().get(type)) return error;
   if (type == ondemand::number_type::signed_integer) {
@@ -548,11 +549,7 @@ simdjson::error_code BuildNumber(Source& source, TapeBuilder& builder) {
     std::uint64_t value;
     if (!source.get_uint64().get(value)) return builder.Unsigned(value), simdjson::SUCCESS;
   }
-  if (type != ondemand::number_type::floating_point_number) {
-    std::string_view token;
-    if (auto error = TokenOf(source.raw_json_token(), token)) return error;
-    if (!IsJSONNumber(token)) return simdjson::NUMBER_ERROR;
-  }
+  // A fraction, an exponent, or an integer beyond 64 bits.
   double value;
   if (auto error = source.get_double().get(value)) return error;
   builder.Double(value);
