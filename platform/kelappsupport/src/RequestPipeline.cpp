@@ -1,6 +1,7 @@
 #include "RequestPipeline.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "kelcore/Executor.h"
 #include "kelcore/Logging.h"
@@ -29,7 +30,17 @@ void LogWarning(std::string message, std::vector<std::pair<std::string, std::str
 
 }  // namespace
 
-kelcore::utility::Guid NewAttemptId() { return kelcore::utility::Guid::CreateUnique(); }
+kelcore::utility::Guid NewAttemptId() {
+  // Unique within the process is all an attempt id needs: a random prefix once, then a counter,
+  // rather than a trip to the OS's random source for every attempt.
+  static const std::string prefix = kelcore::utility::Guid::CreateUnique().ToString().substr(0, 19);
+  static std::atomic<std::uint64_t> counter{0};
+  const std::uint64_t n = counter.fetch_add(1, std::memory_order_relaxed);
+  char tail[18];
+  std::snprintf(tail, sizeof tail, "%04llx-%012llx", static_cast<unsigned long long>((n >> 48) & 0xffff),
+                static_cast<unsigned long long>(n & 0xffffffffffffull));
+  return kelcore::utility::Guid(prefix + tail);
+}
 
 bool SameHeaderName(std::string_view a, std::string_view b) {
   if (a.size() != b.size()) return false;

@@ -97,11 +97,39 @@ bool ParseContentRange(std::string_view value, std::uint64_t& first, std::uint64
   return ParseUnsigned(totalText, total);
 }
 
+// The debug-database key "ostriolib.cabundle". Its variable is looked at on every request; the
+// files behind it (read only when the variable is unset) at most once a second, since opening
+// them on every request would cost more than the request's own work.
+std::string DebugCaBundlePath() {
+  static const std::string variable = kelcore::config::DebugDatabase::EnvironmentNameForKey("ostriolib.cabundle");
+  if (const char* value = std::getenv(variable.c_str())) return value;
+  static std::mutex mutex;
+  static Clock::time_point readAt;
+  static std::string cached;
+  std::lock_guard lock(mutex);
+  const auto now = Clock::now();
+  if (readAt == Clock::time_point() || now - readAt > std::chrono::seconds(1)) {
+    cached = kelcore::config::DebugDatabase::Instance().GetEntry("ostriolib.cabundle", "").ToStdString();
+    readAt = now;
+  }
+  return cached;
+}
+
 // The extra CA bundle, read once per file version. The blob is handed to curl without copying,
 // so each request keeps its bundle alive for as long as its easy handle may look at it.
 class CaBundleCache {
  public:
   std::shared_ptr<const std::string> Get(const std::string& path) {
+    const auto now = Clock::now();
+    {
+      // A file checked in the last second is taken as it was: a stat per request costs more than
+      // the rest of the request's set-up.
+      std::lock_guard lock(mutex_);
+      auto it = entries_.find(path);
+      if (it != entries_.end() && it->second.pem && now - it->second.checkedAt < std::chrono::seconds(1)) {
+        return it->second.pem;
+      }
+    }
     struct stat info {};
     if (::stat(path.c_str(), &info) != 0) {
       LogWarning("CA bundle not readable", {{"path", path}});
@@ -111,6 +139,7 @@ class CaBundleCache {
     auto& entry = entries_[path];
     if (entry.pem && entry.device == info.st_dev && entry.inode == info.st_ino && entry.size == info.st_size &&
         entry.mtime == info.st_mtim.tv_sec && entry.mtimeNs == info.st_mtim.tv_nsec) {
+      entry.checkedAt = now;
       return entry.pem;
     }
     std::ifstream in(path, std::ios::binary);
@@ -131,7 +160,7 @@ class CaBundleCache {
       pem += systemText.str();
     }
     entry = Entry{std::make_shared<const std::string>(std::move(pem)), info.st_dev, info.st_ino, info.st_size,
-                  info.st_mtim.tv_sec, info.st_mtim.tv_nsec};
+                  info.st_mtim.tv_sec, info.st_mtim.tv_nsec, now};
     return entry.pem;
   }
 
@@ -148,6 +177,7 @@ class CaBundleCache {
     off_t size = 0;
     time_t mtime = 0;
     long mtimeNs = 0;
+    Clock::time_point checkedAt;
   };
   std::mutex mutex_;
   std::map<std::string, Entry> entries_;
@@ -166,6 +196,7 @@ struct Request {
   std::string host;       // for the log; never the path or query
   std::string pathQuery;  // to keep it out of curl's error text in the log
   bool cancelled = false;  // network thread only
+  bool retried = false;
 
   int status = 0;
   HeaderMap headers;
@@ -230,6 +261,7 @@ class Transport {
   void Run();
   void Finish(std::unique_ptr<Request> request, CURLcode code);
   void CancelActive(const Guid& id);
+  static bool ShouldRetryUnanswered(Request& request, CURLcode code);
   CURL* AcquireEasy();
   void ReleaseEasy(CURL* easy);
 
@@ -323,10 +355,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     if (!hasContentType) request->requestHeaders = curl_slist_append(request->requestHeaders, "Content-Type:");
   }
 
-  std::string caPath = configuration.caBundlePath;
-  if (caPath.empty()) {
-    caPath = kelcore::config::DebugDatabase::Instance().GetEntry("ostriolib.cabundle", "").ToStdString();
-  }
+  const std::string caPath = configuration.caBundlePath.empty() ? DebugCaBundlePath() : configuration.caBundlePath;
   if (!caPath.empty()) request->caBundle = caBundles_.Get(caPath);
 
   CURL* easy = AcquireEasy();
@@ -391,7 +420,9 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     return false;
   }
   incoming_.push_back(std::move(request));
-  WakeLocked();
+  // From a completion on the network thread no wake-up is needed: the loop looks at the queue
+  // before it polls again.
+  if (std::this_thread::get_id() != threadId_) WakeLocked();
   return true;
 }
 
@@ -442,6 +473,18 @@ void Transport::Shutdown() {
   if (std::this_thread::get_id() == threadId_) return;  // the loop ends after this callback
   std::lock_guard join(joinMutex_);
   if (thread_.joinable()) thread_.join();
+}
+
+// An HTTP/2 connection the server shut down (GOAWAY) fails the streams it never took up: with
+// this curl they end in an HTTP/2 error before any part of an answer arrived, where the protocol
+// would have them retried on a new connection. We do that once, and only when nothing of an
+// answer came back, so a request the server may have acted on is never sent twice.
+bool Transport::ShouldRetryUnanswered(Request& request, CURLcode code) {
+  if (code != CURLE_HTTP2 || request.cancelled || request.retried || request.status != 0 || request.bodyStarted) {
+    return false;
+  }
+  request.retried = true;
+  return true;
 }
 
 void Transport::CancelActive(const Guid& id) {
@@ -559,11 +602,31 @@ void Transport::Run() {
     int running = 0;
     curl_multi_perform(multi_, &running);
     int queued = 0;
+    std::vector<CURL*> again;
     while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
       if (message->msg != CURLMSG_DONE) continue;
-      auto node = active_.extract(message->easy_handle);
-      if (node.empty()) continue;
+      auto it = active_.find(message->easy_handle);
+      if (it == active_.end()) continue;
+      if (ShouldRetryUnanswered(*it->second, message->data.result)) {
+        again.push_back(message->easy_handle);
+        continue;
+      }
+      auto node = active_.extract(it);
       Finish(std::move(node.mapped()), message->data.result);
+    }
+    for (CURL* easy : again) {
+      // Same handle, same options, a fresh connection: the request starts over.
+      Request& request = *active_[easy];
+      curl_multi_remove_handle(multi_, easy);
+      request.headers.clear();
+      request.haveLastHeader = false;
+      request.bodyStarted = false;
+      request.status = 0;
+      request.error[0] = '\0';
+      if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+        auto node = active_.extract(easy);
+        Finish(std::move(node.mapped()), CURLE_FAILED_INIT);
+      }
     }
 
     long timeout = kMaxPollMilliseconds;

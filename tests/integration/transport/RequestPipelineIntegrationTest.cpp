@@ -190,6 +190,31 @@ TEST_F(RequestPipelineIntegrationTest, ThrottlingHoldsUnderTwoHundredConcurrentR
   EXPECT_EQ(Requests().size(), 200u);
 }
 
+// Node's HTTP/2 server closes a busy connection after about a thousand streams from this curl;
+// the streams it never took up must come back on a new connection, not as failures.
+TEST_F(RequestPipelineIntegrationTest, StreamsRefusedByAClosingConnectionAreSentAgain) {
+  constexpr int kRequests = 2500;
+  std::atomic<int> issued{0}, ok{0};
+  std::promise<void> done;
+  std::atomic<int> finished{0};
+  const auto body = kelcore::allocator::RecycledMemory::Copy(kQuery);
+  const kelnet::HeaderMap headers{{"content-type", "application/json"}};
+  std::function<void()> next = [&] {
+    if (issued.fetch_add(1) >= kRequests) return;
+    ASSERT_TRUE(kelnet::POST(
+        Guid::CreateUnique(),
+        [&](const Guid&, const std::shared_ptr<kelnet::Response>& response) {
+          ok += response && response->StatusCode() == 200;
+          next();
+          if (++finished == kRequests) done.set_value();
+        },
+        ImmutableString(GraphQL()), body, headers, kelnet::Configuration()));
+  };
+  for (int i = 0; i < 16; ++i) next();
+  ASSERT_EQ(done.get_future().wait_for(5min), std::future_status::ready);
+  EXPECT_EQ(ok.load(), kRequests);
+}
+
 TEST_F(RequestPipelineIntegrationTest, PeerIsAlwaysVerified) {
   kelnet::Configuration systemOnly;
   systemOnly.caBundlePath = "/etc/ssl/certs/ca-certificates.crt";  // trusts the world, not the emulator
