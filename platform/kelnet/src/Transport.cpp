@@ -194,7 +194,8 @@ struct Request {
   curl_slist* requestHeaders = nullptr;
   CURL* easy = nullptr;
   std::string host;       // for the log; never the path or query
-  std::string pathQuery;  // to keep it out of curl's error text in the log
+  std::string path;   // to keep them out of curl's error text in the log
+  std::string query;
   bool cancelled = false;  // network thread only
   bool retried = false;
 
@@ -329,7 +330,8 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   request->completion = std::move(completion);
   request->body = std::move(body);
   request->host = parts->host;
-  request->pathQuery = parts->path == "/" ? std::string() : parts->path;
+  request->path = parts->path == "/" ? std::string() : parts->path;
+  request->query = parts->query;
 
   bool hasRange = false;
   bool hasContentType = false;
@@ -515,7 +517,9 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
                                           std::move(request->body_), versionText);
   } else if (!request->cancelled) {
     std::string detail = request->error;
-    if (!request->pathQuery.empty() && detail.find(request->pathQuery) != std::string::npos) detail.clear();
+    for (const std::string* secret : {&request->path, &request->query}) {
+      if (!secret->empty() && detail.find(*secret) != std::string::npos) detail.clear();
+    }
     LogWarning("HTTP request failed", {{"host", request->host},
                                        {"error", request->callbackFailed ? "callback failed" : curl_easy_strerror(code)},
                                        {"detail", detail}});
