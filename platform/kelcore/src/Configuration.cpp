@@ -1,0 +1,228 @@
+#include "kelcore/Configuration.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "kelcore/KelException.h"
+#include "kelcore/Logging.h"
+
+namespace kelcore::config {
+
+namespace {
+
+struct Initializer {
+  std::string name;
+  std::uint32_t contextFlags;
+  std::function<bool()> initialize;
+};
+
+struct ProcessState {
+  std::mutex mutex;
+  std::vector<ProcessBeginEndNotificationRegistrar::BeginCallback> beginCallbacks;
+  std::vector<ProcessBeginEndNotificationRegistrar::EndCallback> endCallbacks;
+  std::vector<Initializer> initializers;
+  std::map<std::string, bool, std::less<>> initializerFailed;
+  HostInformation host;
+  bool begun = false;
+  bool ended = false;
+};
+
+// Registrars run during static initialisation of other libraries, in an order nobody controls,
+// so the state is built on first use; it is never destroyed because EndProcess may be called
+// from a static destructor.
+ProcessState& Process() {
+  static auto* state = new ProcessState;
+  return *state;
+}
+
+void LogFailure(logging::Level level, std::string message, std::string_view name, std::string detail = {}) {
+  logging::Record record;
+  record.level = level;
+  record.category = "kelcore";
+  record.message = std::move(message);
+  record.fields = {{"name", std::string(name)}};
+  if (!detail.empty()) record.fields.emplace_back("error", std::move(detail));
+  logging::Log(std::move(record));
+}
+
+std::string_view Trim(std::string_view text) {
+  const auto isSpace = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+  while (!text.empty() && isSpace(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isSpace(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+// The value of the key's last occurrence in a "key=value" file; nothing when the file is
+// missing or unreadable, so a stale path in the environment never breaks the library.
+std::optional<std::string> LookUpInFile(const std::string& path, std::string_view key) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) return std::nullopt;
+  std::optional<std::string> found;
+  std::string line;
+  bool first = true;
+  while (std::getline(in, line)) {
+    std::string_view text(line);
+    if (first && text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);  // editors on Windows add a BOM
+    first = false;
+    text = Trim(text);  // also drops the '\r' of CRLF files
+    if (text.empty() || text.front() == '#') continue;
+    const auto equals = text.find('=');
+    if (equals == std::string_view::npos) continue;
+    if (Trim(text.substr(0, equals)) == key) found = std::string(Trim(text.substr(equals + 1)));
+  }
+  return found;
+}
+
+std::string EnvironmentOrEmpty(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+}  // namespace
+
+ProcessBeginEndNotificationRegistrar::ProcessBeginEndNotificationRegistrar(BeginCallback onBegin, EndCallback onEnd) {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  if (state.begun) {
+    LogFailure(logging::Level::Warning, "Process notification registered after process begin", "");
+  }
+  state.beginCallbacks.push_back(std::move(onBegin));
+  state.endCallbacks.push_back(std::move(onEnd));
+}
+
+InitializerRegistrar::InitializerRegistrar(const char* name, std::uint32_t contextFlags,
+                                           std::function<bool()> initialize) {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  if (state.begun) LogFailure(logging::Level::Warning, "Initializer registered after process begin", name ? name : "");
+  state.initializers.push_back(Initializer{name ? name : "", contextFlags, std::move(initialize)});
+}
+
+bool BeginProcess(const HostInformation& host, const detail::Parameter* parameters, std::size_t count) {
+  auto& state = Process();
+  std::vector<ProcessBeginEndNotificationRegistrar::BeginCallback> beginCallbacks;
+  std::vector<Initializer> initializers;
+  {
+    std::lock_guard lock(state.mutex);
+    if (state.begun) return false;
+    state.begun = true;
+    state.host = host;
+    beginCallbacks = state.beginCallbacks;
+    initializers = state.initializers;
+  }
+  // Callbacks run without the lock: they read host information and may register more.
+  for (const auto& onBegin : beginCallbacks) {
+    if (!onBegin) continue;
+    try {
+      onBegin(parameters, count);
+    } catch (...) {
+      LogFailure(logging::Level::Error, "Process begin callback failed", "",
+                 ExtractMessageFromException(std::current_exception()));
+    }
+  }
+  for (const auto& initializer : initializers) {
+    bool succeeded = false;
+    std::string error;
+    try {
+      succeeded = initializer.initialize && initializer.initialize();
+    } catch (...) {
+      error = ExtractMessageFromException(std::current_exception());
+    }
+    if (!succeeded) LogFailure(logging::Level::Error, "Initializer failed", initializer.name, error);
+    std::lock_guard lock(state.mutex);
+    state.initializerFailed[initializer.name] = !succeeded;
+  }
+  return true;
+}
+
+void EndProcess() {
+  auto& state = Process();
+  std::vector<ProcessBeginEndNotificationRegistrar::EndCallback> endCallbacks;
+  {
+    std::lock_guard lock(state.mutex);
+    // Nothing was set up for a process that never began, so there is nothing to end.
+    if (!state.begun || state.ended) return;
+    state.ended = true;
+    endCallbacks = state.endCallbacks;
+  }
+  for (auto it = endCallbacks.rbegin(); it != endCallbacks.rend(); ++it) {
+    if (!*it) continue;
+    try {
+      (*it)();
+    } catch (...) {
+      LogFailure(logging::Level::Error, "Process end callback failed", "",
+                 ExtractMessageFromException(std::current_exception()));
+    }
+  }
+}
+
+bool ProcessBegun() noexcept {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  return state.begun;
+}
+
+bool InitializerFailed(std::string_view name) {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  auto found = state.initializerFailed.find(name);
+  return found != state.initializerFailed.end() && found->second;
+}
+
+ImmutableString GetCompanyName() {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  return ImmutableString(state.host.companyName);
+}
+
+ImmutableString GetClientVersion() {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  return ImmutableString(state.host.version);
+}
+
+ImmutableString GetClientBuildNumber() {
+  auto& state = Process();
+  std::lock_guard lock(state.mutex);
+  return ImmutableString(state.host.buildNumber);
+}
+
+DebugDatabase& DebugDatabase::Instance() {
+  static DebugDatabase instance;
+  return instance;
+}
+
+ImmutableString DebugDatabase::GetEntry(std::string_view key, std::string_view fallback) const {
+  // Nothing is cached: a developer edits the file or the environment and the next lookup sees it.
+  // A variable that is set wins even when empty, so it can override a file entry with "".
+  if (const char* value = std::getenv(EnvironmentNameForKey(key).c_str())) return ImmutableString(value);
+
+  if (const auto file = EnvironmentOrEmpty("OSTRIOLIB_DEBUG_DB"); !file.empty()) {
+    if (auto value = LookUpInFile(file, key)) return ImmutableString(*value);
+  }
+
+  std::string configHome = EnvironmentOrEmpty("XDG_CONFIG_HOME");
+  if (configHome.empty() || configHome.front() != '/') {
+    // The XDG rule: a relative XDG_CONFIG_HOME is invalid and the default applies.
+    const auto home = EnvironmentOrEmpty("HOME");
+    configHome = home.empty() ? std::string() : home + "/.config";
+  }
+  if (!configHome.empty()) {
+    if (auto value = LookUpInFile(configHome + "/ostriolib/debug.conf", key)) return ImmutableString(*value);
+  }
+  return ImmutableString(fallback);
+}
+
+std::string DebugDatabase::EnvironmentNameForKey(std::string_view key) {
+  std::string name;
+  name.reserve(key.size());
+  for (char c : key) name += c == '.' ? '_' : static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return name;
+}
+
+}  // namespace kelcore::config
