@@ -45,6 +45,10 @@ struct SharedState {
   std::mutex mutex;
   std::condition_variable ready;
   bool done = false;
+  // The completing thread is still running continuations. Continuations attached meanwhile
+  // (from a continuation, or from another thread) join its queue instead of running at once, so
+  // they all start in the order they were attached.
+  bool draining = false;
   std::optional<Stored<T>> value;
   std::exception_ptr error;
   std::vector<Task> continuations;
@@ -58,17 +62,35 @@ struct SharedState {
       if (done) return false;
       set(*this);
       done = true;
+      draining = true;
       run.swap(continuations);
     }
     ready.notify_all();
-    for (auto& task : run) task();
+    for (;;) {
+      for (auto& task : run) {
+        // A continuation task only posts to its executor and catches its own failures; if the
+        // post itself throws, the task's promise breaks when the task is destroyed, and the
+        // remaining continuations must still run.
+        try {
+          task();
+        } catch (...) {
+        }
+      }
+      run.clear();
+      std::lock_guard lock(mutex);
+      if (continuations.empty()) {
+        draining = false;
+        break;
+      }
+      run.swap(continuations);
+    }
     return true;
   }
 
   void OnComplete(Task task) {
     {
       std::lock_guard lock(mutex);
-      if (!done) {
+      if (!done || draining) {
         continuations.push_back(std::move(task));
         return;
       }
@@ -116,12 +138,14 @@ class Future {
   }
 
   void Wait() const {
+    RequireValid();
     std::unique_lock lock(state_->mutex);
     state_->ready.wait(lock, [&] { return state_->done; });
   }
 
   template <class Rep, class Period>
   bool WaitFor(std::chrono::duration<Rep, Period> timeout) const {
+    RequireValid();
     std::unique_lock lock(state_->mutex);
     return state_->ready.wait_for(lock, timeout, [&] { return state_->done; });
   }
@@ -147,8 +171,10 @@ class Future {
   // Runs fn(Future<T>) once this completes, success or failure.
   template <class F>
   auto Then(F&& fn, ExecutorRef executor = nullptr) const {
-    using Raw = std::invoke_result_t<F&, Future<T>>;
+    // Decayed: a continuation returning a reference yields a copy, never a dangling Future<T&>.
+    using Raw = std::decay_t<std::invoke_result_t<std::decay_t<F>&, Future<T>>>;
     using R = typename detail::Unwrap<Raw>::type;
+    RequireValid();
     Promise<R> next(executor ? executor : state_->executor);
     Future<R> result = next.GetFuture();
     ExecutorRef target = ResolveExecutor(executor);
@@ -165,7 +191,9 @@ class Future {
   template <class F>
   auto ThenOnSuccess(F&& fn, ExecutorRef executor = nullptr) const {
     return Then(
-        [fn = std::forward<F>(fn)](Future<T> done) mutable -> decltype(auto) {
+        // By value: a continuation returning a reference to its argument would otherwise hand
+        // back a reference to the temporary Get() returned.
+        [fn = std::forward<F>(fn)](Future<T> done) mutable -> auto {
           if constexpr (std::is_void_v<T>) {
             done.Get();
             return fn();
@@ -177,6 +205,11 @@ class Future {
   }
 
  private:
+  // An empty future (default-constructed or moved from) has nothing to wait on or continue.
+  void RequireValid() const {
+    if (!state_) throw kel_exception(kErrorPreconditionFailed, "Future is empty", {}, 0, {}, "!state_");
+  }
+
   ExecutorRef ResolveExecutor(const ExecutorRef& requested) const {
     if (requested) return requested;
     if (state_->executor) return state_->executor;
