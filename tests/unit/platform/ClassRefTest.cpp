@@ -1,0 +1,88 @@
+// Class references: interface lookup by the compiler-derived name, self references, and the
+// live-object count that leak checks rely on.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "kelcore/ClassRef.h"
+
+namespace kelcoretest {
+
+class IGreeter {
+ public:
+  virtual ~IGreeter() = default;
+  virtual int Greet() = 0;
+};
+class IUnrelated {
+ public:
+  virtual ~IUnrelated() = default;
+};
+
+class Greeter final : public IGreeter, public kelcore::classref::Unknown {
+ public:
+  int Greet() override { return 7; }
+  const kelcore::ImmutableString& GetUnknownTypeName() const override {
+    static const kelcore::ImmutableString name("kelcoretest::Greeter");
+    return name;
+  }
+
+ protected:
+  void* QueryMap(std::string_view interfaceName) override {
+    if (interfaceName == kelcore::debug::GetTypeName<IGreeter>()) return static_cast<IGreeter*>(this);
+    return nullptr;
+  }
+};
+
+}  // namespace kelcoretest
+
+namespace {
+
+using namespace kelcore::classref;
+using kelcoretest::Greeter;
+using kelcoretest::IGreeter;
+using kelcoretest::IUnrelated;
+
+TEST(ClassRef, InterfacesAreFoundByQualifiedNameAndSelfReferencesWork) {
+  EXPECT_EQ(kelcore::debug::GetTypeName<IGreeter>(), "kelcoretest::IGreeter");
+  InterfaceRef<Greeter> object = AllocateClassInstance<Greeter>();
+  auto greeter = object.Query<IGreeter>();
+  ASSERT_TRUE(greeter);
+  EXPECT_EQ(greeter->Greet(), 7);
+  EXPECT_FALSE(object.Query<IUnrelated>());
+
+  std::weak_ptr<Greeter> weak = object->WeakFromThisAs<Greeter>();
+  EXPECT_EQ(weak.lock().get(), object.get());
+  object.Reset();
+  greeter.Reset();
+  EXPECT_TRUE(weak.expired());
+}
+
+TEST(ClassWatcher, CountsObjectsRegisteredFromManyThreadsUntilTheyGo) {
+  const auto baseline = ClassWatcher::LiveObjectCount();
+  std::mutex mutex;
+  std::vector<InterfaceRef<Greeter>> kept;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int k = 0; k < 100; ++k) {
+        auto object = AllocateClassInstance<Greeter>();
+        ClassWatcher::AddObject(object.Shared());
+        if (k % 2 == 0) {
+          std::lock_guard lock(mutex);
+          kept.push_back(object);
+        }
+        ClassWatcher::LiveObjectCount();  // prunes concurrently with registration
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(ClassWatcher::LiveObjectCount(), baseline + 200);
+  kept.clear();
+  EXPECT_EQ(ClassWatcher::LiveObjectCount(), baseline);
+}
+
+}  // namespace
