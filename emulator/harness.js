@@ -54,6 +54,7 @@ function firstLine(proc) {
     let out = '';
     let err = '';
     const timer = setTimeout(() => { proc.kill('SIGKILL'); reject(new Error(`no first line within ${START_TIMEOUT_MS} ms; stderr: ${err}`)); }, START_TIMEOUT_MS);
+    proc.stderr.setEncoding('utf8');
     proc.stderr.on('data', (d) => { err += d; });
     proc.stdout.on('data', (d) => {
       out += d;
@@ -84,6 +85,24 @@ class Emulator {
     this.port = this.info.port;
     this.stateDir = stateDir;
     this.ca = fs.readFileSync(this.info.ca);
+    // What the emulator printed to stderr from here on (only started with {verbose: true}).
+    this.stderr = '';
+    proc.stderr.on('data', (d) => { this.stderr += d; });
+  }
+
+  // Resolves with the lines of stderr matching `pattern` once there are at least `count` of them
+  // (a line is written before the answer it describes is complete, but may be read here later).
+  stderrLines(pattern, count = 1) {
+    return new Promise((resolve) => {
+      const look = () => {
+        const lines = this.stderr.split('\n').filter((l) => pattern.test(l));
+        if (lines.length < count) return false;
+        this.proc.stderr.off('data', look);
+        resolve(lines);
+        return true;
+      };
+      if (!look()) this.proc.stderr.on('data', look);
+    });
   }
 
   host(label) {
@@ -171,11 +190,11 @@ class Emulator {
   }
 }
 
-// Starts `server.js --port 0 --quiet` with the given extra arguments; without a state folder
-// it uses a fresh temporary one and removes it on stop().
-async function startEmulator(args = [], { stateDir } = {}) {
+// Starts `server.js --port 0 --quiet` with the given extra arguments (without --quiet when
+// verbose); without a state folder it uses a fresh temporary one and removes it on stop().
+async function startEmulator(args = [], { stateDir, verbose = false } = {}) {
   const dir = stateDir || tempDir();
-  const proc = spawn(process.execPath, [SERVER, '--port', '0', '--state', dir, '--quiet', ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
+  const proc = spawn(process.execPath, [SERVER, '--port', '0', '--state', dir, ...(verbose ? [] : ['--quiet']), ...args], { stdio: ['ignore', 'pipe', 'pipe'] });
   running.add(proc);
   proc.once('exit', () => running.delete(proc));
   try {

@@ -21,6 +21,12 @@ function bufferSource(buf) {
   return { length: buf.length, chunkAt: (pos, max) => buf.subarray(pos, pos + max) };
 }
 
+// Refresh tokens travel in the request path. The request log keeps them (tests read it), but
+// what goes to stderr ends up in terminals and CI logs, so there the token is blanked.
+function printableTarget(target) {
+  return target.replace(/^(\/v2\/auth\/refresh_tokens\/)[^/?]*/, '$1…');
+}
+
 function safeDecode(segment) {
   try { return decodeURIComponent(segment); } catch { return segment; }
 }
@@ -165,14 +171,14 @@ class Emulator {
       }
       await this.send(ctx, plan, fault);
     } catch (err) {
-      this.note(`internal error on ${req.method} ${target}: ${err.stack || err}`);
+      this.note(`internal error on ${req.method} ${printableTarget(target)}: ${err.stack || err}`);
       if (!res.headersSent && !ctx.closed) {
         await this.send(ctx, json(500, { error: 'internal emulator error', message: String(err.message) }), null);
       } else {
         this.reset(ctx);
       }
     } finally {
-      if (ctx.entry && !this.quiet) this.note(`${req.method} ${ctx.entry.url} → ${ctx.entry.status}`);
+      if (ctx.entry && !this.quiet) this.note(`${req.method} ${scheme}://${authority}${printableTarget(target)} → ${ctx.entry.status}`);
     }
   }
 

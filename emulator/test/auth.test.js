@@ -14,7 +14,7 @@ const UNAUTHENTICATED = { errors: [{ message: 'unauthenticated' }] };
 describe('sign-in, tokens and refresh', { timeout: 60000 }, () => {
   let emu, data, secret;
   before(async () => {
-    emu = await startEmulator();
+    emu = await startEmulator([], { verbose: true });
     data = await emu.data();
     secret = Buffer.from(fs.readFileSync(path.join(emu.stateDir, 'jwt-secret'), 'utf8').trim(), 'hex');
   });
@@ -107,6 +107,11 @@ describe('sign-in, tokens and refresh', { timeout: 60000 }, () => {
     assert.equal((await refresh(`${newRefresh[0] === 'A' ? 'B' : 'A'}${newRefresh.slice(1)}`)).status, 401);
     assert.equal((await refresh(newRefresh)).status, 200);
     for (const t of [first.accessToken, newToken]) assert.equal((await emu.graphql(Q.CurrentUser, undefined, t)).json.data.me.id, first.userId);
+
+    // Each refresh is reported on stderr, none with its token (the token is in the path).
+    const lines = await emu.stderrLines(/POST \S+\/v2\/auth\/refresh_tokens\/\S+\/apply → \d{3}/, 6);
+    assert.equal(lines.length, 6, lines.join('\n'));
+    for (const t of [first.refreshToken, newRefresh, first.accessToken, newToken]) assert.ok(!emu.stderr.includes(t), 'a token reached stderr');
   });
 
   it('answers "unauthenticated" for missing, malformed, forged, expired and revoked tokens', async () => {
