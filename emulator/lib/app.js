@@ -27,6 +27,10 @@ function printableTarget(target) {
   return target.replace(/^(\/v2\/auth\/refresh_tokens\/)[^/?]*/, '$1…');
 }
 
+// Answers that carry no body by definition: writing one (or a Content-Length for one) breaks
+// the HTTP/2 stream.
+const BODILESS = new Set([204, 205, 304]);
+
 function safeDecode(segment) {
   try { return decodeURIComponent(segment); } catch { return segment; }
 }
@@ -378,7 +382,8 @@ class Emulator {
     }
     // A truncated body ends cleanly but early and announces no length: the client gets a
     // well-framed short answer it must judge by content (half a JSON document, a short file).
-    if (fault && fault.truncateBody !== undefined) end = Math.min(end, fault.truncateBody);
+    if (BODILESS.has(plan.status)) end = 0;
+    else if (fault && fault.truncateBody !== undefined) end = Math.min(end, fault.truncateBody);
     else headers['content-length'] = String(end);
     if (fault && fault.resetAfterBytes !== undefined) resetAt = Math.min(fault.resetAfterBytes, end);
     if (ctx.req.method === 'HEAD') end = 0;

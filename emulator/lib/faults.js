@@ -10,7 +10,8 @@ const ROUTES = ['graphql', 'refresh', 'media', 'welcome', '*'];
 const FIELDS = {
   route: (v) => ROUTES.includes(v) || `route must be one of ${ROUTES.join(', ')}`,
   count: (v) => (Number.isInteger(v) && v >= 1) || 'count must be a positive integer',
-  status: (v) => (Number.isInteger(v) && v >= 100 && v <= 599) || 'status must be an integer 100..599',
+  // An informational status is not an answer: the client would keep waiting for the real one.
+  status: (v) => (Number.isInteger(v) && v >= 200 && v <= 599) || 'status must be an integer 200..599',
   delayMs: (v) => (Number.isInteger(v) && v >= 0 && v <= 600000) || 'delayMs must be an integer 0..600000',
   contentType: (v) => (typeof v === 'string' && /^[\x20-\x7e]*$/.test(v)) || 'contentType must be a printable string',
   truncateBody: (v) => (Number.isInteger(v) && v >= 0) || 'truncateBody must be a non-negative integer',

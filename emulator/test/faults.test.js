@@ -85,6 +85,16 @@ describe('fault injection', { timeout: 60000 }, () => {
     assert.equal(garbled.json, null);
     assert.ok(garbled.body.length > 0);
 
+    // Statuses that forbid a body end the HTTP/2 stream cleanly instead of breaking it.
+    await arm({ route: 'media', status: 204 });
+    const client = emu.connectH2('media');
+    try {
+      const empty = await h2Request(client, { ':path': '/media/synthetic/10' });
+      assert.deepEqual([empty.status, empty.body.length, empty.rstCode], [204, 0, http2.constants.NGHTTP2_NO_ERROR]);
+    } finally {
+      client.close();
+    }
+
     await arm({ route: 'graphql', graphqlError: 'boom' });
     assert.deepEqual((await me()).json, { errors: [{ message: 'boom' }], data: null });
     assert.deepEqual((await me()).json, normal.json);
@@ -133,7 +143,8 @@ describe('fault injection', { timeout: 60000 }, () => {
   });
 
   it('rejects malformed fault specifications', async () => {
-    for (const bad of [{ route: 'nowhere', status: 500 }, { route: 'graphql' }, { route: 'graphql', status: 500, count: 0 }, { route: 'graphql', stauts: 500 }, [1]]) {
+    for (const bad of [{ route: 'nowhere', status: 500 }, { route: 'graphql' }, { route: 'graphql', status: 500, count: 0 }, { route: 'graphql', stauts: 500 }, [1],
+      { route: 'media', status: 100 }]) {
       assert.equal((await emu.control('POST', '/faults', bad)).status, 400, JSON.stringify(bad));
     }
   });
