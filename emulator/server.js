@@ -115,7 +115,17 @@ function main() {
   server.on('connection', (s) => { sockets.add(s); s.on('close', () => sockets.delete(s)); });
   server.on('session', (s) => { sessions.add(s); s.on('close', () => sessions.delete(s)); s.on('error', () => {}); });
   server.on('tlsClientError', () => {});
-  server.on('clientError', (err, socket) => { socket.destroy(); });
+  // A request that does not parse as HTTP/1.1 still gets a plain answer saying so, unless the
+  // peer is already gone.
+  server.on('clientError', (err, socket) => {
+    if (err.code === 'ECONNRESET' || !socket.writable || socket._httpMessage) {
+      socket.destroy();
+      return;
+    }
+    const status = err.code === 'HPE_HEADER_OVERFLOW' ? '431 Request Header Fields Too Large' : '400 Bad Request';
+    const body = `${JSON.stringify({ error: 'malformed HTTP/1.1 request', code: err.code || null })}\n`;
+    socket.end(`HTTP/1.1 ${status}\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: ${Buffer.byteLength(body)}\r\nConnection: close\r\n\r\n${body}`);
+  });
 
   server.on('error', (err) => {
     process.stderr.write(`ostrio-emulator: cannot listen on 127.0.0.1:${opts.port}: ${err.message}\n`);

@@ -87,7 +87,14 @@ class Emulator {
     this.faults = new FaultBoard();
     this.requests = new RequestLog({ enabled: keepLog });
     for (const f of faults) this.faults.add(f);
-    this.handler = (req, res) => { this.handle(req, res); };
+    this.handler = (req, res) => {
+      // handle() answers its own failures; this only keeps a failure while answering a failure
+      // from ending the process.
+      this.handle(req, res).catch((err) => {
+        this.note(`unanswered error: ${err.stack || err}`);
+        this.reset({ req, res, h2: req.httpVersionMajor === 2 });
+      });
+    };
     this.bind(0);
   }
 
@@ -194,7 +201,9 @@ class Emulator {
         size += chunk.length;
         if (size > MAX_BODY) {
           ctx.req.removeAllListeners('data');
-          this.send(ctx, json(413, { error: `request body larger than ${MAX_BODY} bytes` }), null).then(() => resolve(null));
+          this.send(ctx, json(413, { error: `request body larger than ${MAX_BODY} bytes` }), null)
+            .catch(() => this.reset(ctx))
+            .then(() => resolve(null));
           return;
         }
         chunks.push(chunk);
@@ -357,7 +366,7 @@ class Emulator {
     if (ctx.h2) {
       if (!ctx.res.stream.destroyed) ctx.res.stream.close(http2.constants.NGHTTP2_INTERNAL_ERROR);
     } else {
-      ctx.req.socket.destroy();
+      if (ctx.req.socket) ctx.req.socket.destroy();
     }
   }
 

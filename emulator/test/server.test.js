@@ -5,6 +5,7 @@ const crypto = require('node:crypto');
 const { execFileSync } = require('node:child_process');
 const fs = require('node:fs');
 const path = require('node:path');
+const tls = require('node:tls');
 const { describe, it, before, after } = require('node:test');
 const { startEmulator, h2Request, tempDir, exited } = require('../harness');
 const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
@@ -80,13 +81,25 @@ describe('server', { timeout: 90000 }, () => {
     }
   });
 
-  it('routes by host label and answers unknown places with JSON 404', async () => {
+  it('routes by host label and answers unknown places and non-HTTP bytes clearly', async () => {
     for (const [label, target] of [['accounts', '/graphql'], ['api', '/welcome'], ['media', '/graphql'], ['accounts', '/_emulator/requests'], ['api', '/v2/auth/refresh_tokens//apply']]) {
       const res = await emu.request(label, 'POST', target);
       assert.equal(res.status, 404, `${label} ${target}`);
       assert.match(res.headers['content-type'], /^application\/json/);
     }
     assert.equal((await emu.request('api', 'GET', '/media/synthetic/1', { host: `elsewhere.ostrio.localhost:${emu.port}` })).status, 404);
+
+    // Bytes that are not HTTP still get an answer saying so before the connection closes.
+    const answer = await new Promise((resolve, reject) => {
+      const socket = tls.connect({ host: '127.0.0.1', port: emu.port, servername: 'api.ostrio.localhost', ca: emu.ca, ALPNProtocols: ['http/1.1'] });
+      let text = '';
+      socket.setEncoding('utf8');
+      socket.on('data', (d) => { text += d; });
+      socket.on('close', () => resolve(text));
+      socket.on('error', reject);
+      socket.write('NOT HTTP AT ALL\r\n\r\n');
+    });
+    assert.match(answer, /^HTTP\/1\.1 400 Bad Request\r\n[^]*\r\n\r\n\{"error":"malformed HTTP\/1\.1 request"/);
   });
 
   it('logs what crossed the wire, in order, except its own control traffic', async () => {
