@@ -160,7 +160,7 @@ class Emulator {
     try {
       const body = await this.readBody(ctx);
       if (body === null) return;
-      if (ctx.entry) RequestLog.setBody(ctx.entry, body);
+      if (ctx.entry) this.requests.setBody(ctx.entry, body);
       if (control) return await this.send(ctx, this.control(req, path.slice('/_emulator'.length).replace(/\/$/, ''), body), null);
 
       const route = this.routeOf(role, req.method, path);

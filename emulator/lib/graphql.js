@@ -33,6 +33,9 @@ function json(status, value, extraHeaders = {}) {
 
 const UNAUTHENTICATED = { errors: [{ message: 'unauthenticated' }] };
 const DOC_CACHE_LIMIT = 2000;
+// The library's documents are a few hundred bytes; caching only small ones keeps a client that
+// posts many large distinct documents from filling memory with them.
+const DOC_CACHE_MAX_LENGTH = 64 * 1024;
 
 class GraphqlEndpoint {
   constructor({ dataset, tokens, log }) {
@@ -56,6 +59,7 @@ class GraphqlEndpoint {
     } catch (err) {
       entry = { document: null, errors: [err instanceof GraphQLError ? err : new GraphQLError(String(err.message))] };
     }
+    if (query.length > DOC_CACHE_MAX_LENGTH) return entry;
     if (this.documents.size >= DOC_CACHE_LIMIT) this.documents.clear();
     this.documents.set(query, entry);
     return entry;

@@ -9,6 +9,7 @@ const tls = require('node:tls');
 const { describe, it, before, after } = require('node:test');
 const { startEmulator, h2Request, tempDir, exited } = require('../harness');
 const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
+const { RequestLog } = require('../lib/requestLog');
 
 describe('server', { timeout: 90000 }, () => {
   let emu;
@@ -152,5 +153,17 @@ describe('server', { timeout: 90000 }, () => {
     assert.equal(await exited(victim.proc, 5000), 0);
     client.destroy();
     await victim.stop();
+  });
+});
+
+describe('request log', () => {
+  it('drops the oldest entries once the kept bodies pass the budget, and shows no bookkeeping', () => {
+    const log = new RequestLog({ bodyBudget: 10 });
+    for (const body of ['aaaa', 'bbbb', 'cccc', '']) log.setBody(log.begin({ method: 'POST' }), Buffer.from(body));
+    assert.deepEqual(log.list().map((e) => [e.seq, e.body]), [[2, 'bbbb'], [3, 'cccc'], [4, '']]);
+    assert.deepEqual(Object.keys(log.list()[0]), Object.keys(new RequestLog().begin({})));
+    log.clear();
+    log.setBody(log.begin({ method: 'POST' }), Buffer.from('0123456789'));
+    assert.equal(log.list().length, 1);
   });
 });
