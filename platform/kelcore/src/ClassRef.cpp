@@ -8,11 +8,19 @@ namespace kelcore::classref {
 
 namespace {
 
-// Weak references, so watching an object never keeps it alive; expired ones are pruned as
-// the list is read, which keeps it as small as the live set between counts.
+// Weak references, so watching an object never keeps it alive. An expired weak reference
+// still pins its control block, and with make_shared that is the object's whole allocation, so
+// expired entries are pruned whenever the list has doubled since the last prune: a process
+// that registers every resource and never counts stays at about twice its live set.
 struct Watched {
   std::mutex mutex;
   std::vector<std::weak_ptr<UnknownBase>> objects;
+  std::size_t pruneAt = 64;
+
+  void Prune() {
+    std::erase_if(objects, [](const auto& object) { return object.expired(); });
+    pruneAt = std::max<std::size_t>(64, objects.size() * 2);
+  }
 };
 
 Watched& TheWatched() {
@@ -26,13 +34,14 @@ void ClassWatcher::AddObject(const std::shared_ptr<UnknownBase>& object) {
   if (!object) return;
   auto& watched = TheWatched();
   std::lock_guard lock(watched.mutex);
+  if (watched.objects.size() >= watched.pruneAt) watched.Prune();
   watched.objects.emplace_back(object);
 }
 
 std::size_t ClassWatcher::LiveObjectCount() {
   auto& watched = TheWatched();
   std::lock_guard lock(watched.mutex);
-  std::erase_if(watched.objects, [](const auto& object) { return object.expired(); });
+  watched.Prune();
   return watched.objects.size();
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -83,6 +84,34 @@ TEST(ClassWatcher, CountsObjectsRegisteredFromManyThreadsUntilTheyGo) {
   EXPECT_EQ(ClassWatcher::LiveObjectCount(), baseline + 200);
   kept.clear();
   EXPECT_EQ(ClassWatcher::LiveObjectCount(), baseline);
+}
+
+// Counts the blocks allocate_shared holds: the object and its control block live in one, and
+// it is freed only when the last weak reference goes too.
+std::atomic<long> sLiveBlocks{0};
+template <class T>
+struct CountingAllocator {
+  using value_type = T;
+  CountingAllocator() = default;
+  template <class U>
+  CountingAllocator(const CountingAllocator<U>&) noexcept {}
+  T* allocate(std::size_t n) {
+    ++sLiveBlocks;
+    return std::allocator<T>().allocate(n);
+  }
+  void deallocate(T* p, std::size_t n) noexcept {
+    --sLiveBlocks;
+    std::allocator<T>().deallocate(p, n);
+  }
+  friend bool operator==(const CountingAllocator&, const CountingAllocator&) { return true; }
+};
+
+TEST(ClassWatcher, WatchingShortLivedObjectsDoesNotKeepTheirMemory) {
+  // A client registers every resource it creates and nobody ever asks for the count.
+  for (int i = 0; i < 10000; ++i) {
+    ClassWatcher::AddObject(std::allocate_shared<Greeter>(CountingAllocator<Greeter>()));
+  }
+  EXPECT_LT(sLiveBlocks.load(), 200);
 }
 
 }  // namespace
