@@ -1,8 +1,13 @@
 #include "kelcore/Configuration.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
-#include <fstream>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -57,18 +62,86 @@ std::string_view Trim(std::string_view text) {
   return text;
 }
 
-// The value of the key's last occurrence in a "key=value" file; nothing when the file is
-// missing or unreadable, so a stale path in the environment never breaks the library.
-std::optional<std::string> LookUpInFile(const std::string& path, std::string_view key) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return std::nullopt;
+// Debug files are a few lines long; anything this big is not one, and reading it whole (a
+// device, a log file named by mistake) would only cost memory.
+constexpr std::size_t kMaxDebugFileSize = 1 << 20;
+
+enum class FileStatus { kRead, kMissing, kUnusable };
+
+// Reads a debug file whole. Only regular files are read: opening a FIFO or a terminal for reading
+// would block the lookup (and the library's start-up with it) until someone writes to it.
+FileStatus ReadDebugFile(const std::string& path, std::string& contents, std::string& reason) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) {
+    reason = std::strerror(errno);
+    return errno == ENOENT || errno == ENOTDIR ? FileStatus::kMissing : FileStatus::kUnusable;
+  }
+  struct stat info {};
+  FileStatus status = FileStatus::kRead;
+  if (::fstat(fd, &info) != 0) {
+    reason = std::strerror(errno);
+    status = FileStatus::kUnusable;
+  } else if (!S_ISREG(info.st_mode)) {
+    reason = "not a regular file";
+    status = FileStatus::kUnusable;
+  } else if (static_cast<std::uint64_t>(info.st_size) > kMaxDebugFileSize) {
+    reason = "larger than 1 MB";
+    status = FileStatus::kUnusable;
+  } else {
+    contents.resize(static_cast<std::size_t>(info.st_size));
+    std::size_t done = 0;
+    while (done < contents.size()) {
+      const ssize_t got = ::read(fd, contents.data() + done, contents.size() - done);
+      if (got > 0) {
+        done += static_cast<std::size_t>(got);
+      } else if (got < 0 && errno == EINTR) {
+        continue;
+      } else if (got < 0) {
+        reason = std::strerror(errno);
+        status = FileStatus::kUnusable;
+        break;
+      } else {
+        break;  // shrank under us: what was read is what there is
+      }
+    }
+    contents.resize(done);
+  }
+  ::close(fd);
+  return status;
+}
+
+void WarnAboutFile(const std::string& path, std::string_view problem, const std::string& reason) {
+  logging::Record record;
+  record.level = logging::Level::Warning;
+  record.category = "kelcore";
+  record.message = "Debug database file ignored";
+  record.fields = {{"path", path}, {"problem", std::string(problem)}, {"error", reason}};
+  logging::Log(std::move(record));
+}
+
+// The value of the key's last occurrence in a "key=value" file. A file that cannot be used
+// gives nothing (and a warning), so a stale path in the environment never breaks the library;
+// `required` says whether a missing file is worth a warning too.
+std::optional<std::string> LookUpInFile(const std::string& path, std::string_view key, bool required) {
+  std::string contents;
+  std::string reason;
+  switch (ReadDebugFile(path, contents, reason)) {
+    case FileStatus::kRead:
+      break;
+    case FileStatus::kMissing:
+      if (required) WarnAboutFile(path, "missing", reason);
+      return std::nullopt;
+    case FileStatus::kUnusable:
+      WarnAboutFile(path, "unreadable", reason);
+      return std::nullopt;
+  }
+  std::string_view rest(contents);
+  if (rest.substr(0, 3) == "\xEF\xBB\xBF") rest.remove_prefix(3);  // editors on Windows add a BOM
   std::optional<std::string> found;
-  std::string line;
-  bool first = true;
-  while (std::getline(in, line)) {
-    std::string_view text(line);
-    if (first && text.substr(0, 3) == "\xEF\xBB\xBF") text.remove_prefix(3);  // editors on Windows add a BOM
-    first = false;
+  while (!rest.empty()) {
+    const auto newline = rest.find('\n');
+    std::string_view text = rest.substr(0, newline);
+    rest.remove_prefix(newline == std::string_view::npos ? rest.size() : newline + 1);
     text = Trim(text);  // also drops the '\r' of CRLF files
     if (text.empty() || text.front() == '#') continue;
     const auto equals = text.find('=');
@@ -203,7 +276,7 @@ ImmutableString DebugDatabase::GetEntry(std::string_view key, std::string_view f
   if (const char* value = std::getenv(EnvironmentNameForKey(key).c_str())) return ImmutableString(value);
 
   if (const auto file = EnvironmentOrEmpty("OSTRIOLIB_DEBUG_DB"); !file.empty()) {
-    if (auto value = LookUpInFile(file, key)) return ImmutableString(*value);
+    if (auto value = LookUpInFile(file, key, true)) return ImmutableString(*value);
   }
 
   std::string configHome = EnvironmentOrEmpty("XDG_CONFIG_HOME");
@@ -213,7 +286,7 @@ ImmutableString DebugDatabase::GetEntry(std::string_view key, std::string_view f
     configHome = home.empty() ? std::string() : home + "/.config";
   }
   if (!configHome.empty()) {
-    if (auto value = LookUpInFile(configHome + "/ostriolib/debug.conf", key)) return ImmutableString(*value);
+    if (auto value = LookUpInFile(configHome + "/ostriolib/debug.conf", key, false)) return ImmutableString(*value);
   }
   return ImmutableString(fallback);
 }

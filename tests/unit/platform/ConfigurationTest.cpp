@@ -12,10 +12,12 @@
 #include <thread>
 #include <vector>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "kelcore/Configuration.h"
 #include "kelcore/KelException.h"
+#include "kelcore/Logging.h"
 
 namespace {
 
@@ -118,6 +120,42 @@ TEST_F(DebugDatabaseTest, FileIsReadAfreshAndToleratesEditorHabits) {
   fs::remove(file);
   fs::create_directory(file);  // unreadable as a file
   EXPECT_EQ(Get(), "fallback");
+}
+
+TEST_F(DebugDatabaseTest, UnusableFilesArePassedOverWithAWarningAndNeverBlock) {
+  Write(root_ / "xdg" / "ostriolib" / "debug.conf", "kelcoretest.answer=config\n");
+  std::vector<kelcore::logging::Record> warnings;
+  kelcore::logging::SetSink([&](const kelcore::logging::Record& r) { warnings.push_back(r); },
+                            kelcore::logging::Level::Warning);
+  const auto warnedAbout = [&](const fs::path& path, std::string_view problem) {
+    if (warnings.size() != 1) return false;
+    const auto& fields = warnings.front().fields;
+    const bool named = fields.size() == 3 && fields[0].second == path.string() && fields[1].second == problem &&
+                       !fields[2].second.empty();
+    warnings.clear();
+    return named;
+  };
+
+  const auto named = root_ / "db.conf";  // not created yet
+  EXPECT_EQ(Get(), "config");
+  EXPECT_TRUE(warnedAbout(named, "missing"));
+
+  // A FIFO nobody writes to: opening it for reading the usual way waits for a writer forever.
+  ASSERT_EQ(::mkfifo(named.c_str(), 0600), 0);
+  EXPECT_EQ(Get(), "config");
+  EXPECT_TRUE(warnedAbout(named, "unreadable"));
+  fs::remove(named);
+
+  Write(named, "kelcoretest.answer=huge\n" + std::string((1 << 20) + 1, '#'));
+  EXPECT_EQ(Get(), "config");
+  EXPECT_TRUE(warnedAbout(named, "unreadable"));
+
+  // The default file is optional: its absence is not worth a warning.
+  unsetenv("OSTRIOLIB_DEBUG_DB");
+  fs::remove(root_ / "xdg" / "ostriolib" / "debug.conf");
+  EXPECT_EQ(Get(), "fallback");
+  EXPECT_TRUE(warnings.empty());
+  kelcore::logging::SetSink({});
 }
 
 // Process begin happens once per process, so each run gets a child process of its own.

@@ -67,7 +67,9 @@ ImmutableString GetClientBuildNumber();
 // like the key upper-cased with dots as underscores ("ostriolib.environment" ->
 // OSTRIOLIB_ENVIRONMENT) wins, then the file named by OSTRIOLIB_DEBUG_DB, then
 // $XDG_CONFIG_HOME/ostriolib/debug.conf (or ~/.config/...). Files hold "key=value" lines;
-// blank lines and lines starting with '#' are skipped; the last occurrence of a key wins.
+// blank lines and lines starting with '#' are skipped; the last occurrence of a key wins. Only
+// regular files up to 1 MB are read; one that cannot be (and a named file that is missing) is
+// passed over with a warning through logging.
 class DebugDatabase {
  public:
   static DebugDatabase& Instance();
