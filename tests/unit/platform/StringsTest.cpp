@@ -19,6 +19,7 @@ TEST(ImmutableString, EqualTextsShareStorageAndAreReleased) {
     EXPECT_EQ(a, c);
     EXPECT_EQ(a.c_str(), c.c_str());
     EXPECT_EQ(a.c_str()[a.size()], '\0');
+    EXPECT_TRUE(a == "StringsTest.identity" && a == std::string("StringsTest.identity") && a != "StringsTest");
     EXPECT_NE(a, ImmutableString("StringsTest.identity2"));
     EXPECT_TRUE(ImmutableString("a") < ImmutableString("b"));
     EXPECT_EQ(ImmutableString::InternedCount(), baseline + 1);

@@ -44,6 +44,12 @@ class ImmutableString {
   // Text order, so ordered containers sort by name and iterate deterministically.
   friend bool operator<(const ImmutableString& a, const ImmutableString& b) noexcept { return a.View() < b.View(); }
   friend bool operator==(const ImmutableString& a, std::string_view b) noexcept { return a.View() == b; }
+  // Literals and std::strings convert both to ImmutableString and to string_view; these pick
+  // the text comparison (which does not intern the other side) without ambiguity.
+  friend bool operator==(const ImmutableString& a, const char* b) noexcept {
+    return a.View() == std::string_view(b ? b : "");
+  }
+  friend bool operator==(const ImmutableString& a, const std::string& b) noexcept { return a.View() == b; }
 
   // Number of distinct texts currently interned (for tests and diagnostics).
   static std::size_t InternedCount();
