@@ -159,6 +159,7 @@ extern "C" int OstrioLibBeginProcess(const char* companyName, const char* versio
   host.companyName = companyName ? companyName : "";
   host.version = version ? version : "";
   host.buildNumber = buildNumber ? buildNumber : "";
+  if (!parameters) count = 0;
   std::vector<kelcore::config::detail::Parameter> converted;
   converted.reserve(count);
   for (std::size_t i = 0; i < count; ++i) {

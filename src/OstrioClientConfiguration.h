@@ -10,8 +10,9 @@ namespace ostriolib {
 
 // The host's client name / redirect URI (UTF-8); throw kel_exception (kErrorOperationFailed)
 // "Ostrio client name not set" / "Ostrio redirect URI not set" when the host gave none.
-std::string GetOstrioClientName();
-std::string GetOstrioRedirectURI();
+// Exported for the test suites only; not part of the public headers.
+OSTRIOLIB_EXPORT std::string GetOstrioClientName();
+OSTRIOLIB_EXPORT std::string GetOstrioRedirectURI();
 
 // The domain suffix of an environment: the debug-database override
 // ("ostriolib.domain.production" / ".staging" / ".development") if set, else the build-time

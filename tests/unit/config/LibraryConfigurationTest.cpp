@@ -39,49 +39,61 @@ template <class Check>
   std::exit(check() ? 0 : 1);
 }
 
+// True when getter() throws the configuration error of that getter, with every detail in place.
+template <class Getter>
+bool ThrowsNotSet(Getter getter, std::string_view message, std::string_view expression, std::string_view function) {
+  try {
+    getter();
+  } catch (const kelcore::kel_exception& e) {
+    return e.GetResult() == kelcore::kErrorOperationFailed && e.GetResult() == static_cast<int>(0xF865001E) &&
+           e.Message() == message && e.Expression() == expression && e.SourcePath() == "src/OstrioClient" &&
+           e.Function() == function;
+  }
+  return false;
+}
+
 TEST_F(LibraryConfiguration, ClientIdIsAssembledFromHostInformation) {
   EXPECT_EXIT(ExitWith([] {
                 const OstrioHostParameter parameters[] = {
                     {"ostriolib.OstrioClientName", "Editor"},
-                    {"ostriolib.OstrioRedirectURI", "northwind-editor"},
+                    {"ostriolib.OstrioRedirectURI", "northwind-\xE9" "diteur"},  // 8-bit host text
                 };
                 if (OstrioLibBeginProcess("Northwind Media", "25.1", "77", parameters, 2) != 0) return false;
-                return GetOstrioClientID() == std::string_view("northwind media+Editor/25.1.77");
+                return GetOstrioClientID() == std::string_view("northwind media+Editor/25.1.77") &&
+                       ostriolib::GetOstrioClientName() == "Editor" &&
+                       ostriolib::GetOstrioRedirectURI() == "northwind-\xC3\xA9" "diteur";
               }),
               ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(LibraryConfiguration, MissingClientNameFailsInitialisationAndClientIdThrows) {
-  EXPECT_EXIT(ExitWith([] {
-                const OstrioHostParameter parameters[] = {{"ostriolib.OstrioRedirectURI", "northwind-editor"}};
-                if (OstrioLibBeginProcess("Northwind Media", "25.1", "77", parameters, 1) >= 0) return false;
-                try {
-                  GetOstrioClientID();
-                } catch (const kelcore::kel_exception& e) {
-                  return e.GetResult() == kelcore::kErrorOperationFailed &&
-                         e.Message() == "Ostrio client ID not set" && e.Expression() == "sOstrioClientID.empty()" &&
-                         e.SourcePath() == "src/OstrioClient";
-                }
-                return false;
-              }),
-              ::testing::ExitedWithCode(0), "");
-}
-
-TEST_F(LibraryConfiguration, ParameterWithAnotherTypeTagIsIgnored) {
+TEST_F(LibraryConfiguration, ParameterWithAnotherTypeTagIsIgnoredAndMissingValuesThrowFromTheirGetters) {
   EXPECT_EXIT(ExitWith([] {
                 using kelcore::config::detail::Parameter;
-                Parameter parameters[3];
+                Parameter parameters[2];
                 parameters[0].name = "ostriolib.OstrioClientName";
                 parameters[0].type = kelcore::config::detail::kParameterTypeInteger;
                 parameters[0].integerValue = 5;
                 parameters[1].name = "ostriolib.OstrioClientName";  // only the first of a name counts
                 parameters[1].type = kelcore::config::detail::kParameterTypeString;
                 parameters[1].stringValue = "Editor";
-                parameters[2].name = "ostriolib.OstrioRedirectURI";
-                parameters[2].type = kelcore::config::detail::kParameterTypeString;
-                parameters[2].stringValue = "northwind-editor";
-                kelcore::config::BeginProcess({"Northwind Media", "25.1", "77"}, parameters, 3);
-                return kelcore::config::InitializerFailed("OstrioLib");
+                kelcore::config::BeginProcess({"Northwind Media", "25.1", "77"}, parameters, 2);
+                return kelcore::config::InitializerFailed("OstrioLib") &&
+                       ThrowsNotSet(ostriolib::GetOstrioClientName, "Ostrio client name not set",
+                                    "sOstrioClientName.empty()", "ostriolib::GetOstrioClientName") &&
+                       ThrowsNotSet(ostriolib::GetOstrioRedirectURI, "Ostrio redirect URI not set",
+                                    "sOstrioRedirectURI.empty()", "ostriolib::GetOstrioRedirectURI") &&
+                       ThrowsNotSet(GetOstrioClientID, "Ostrio client ID not set", "sOstrioClientID.empty()",
+                                    "ostriolib::GetOstrioClientID");
+              }),
+              ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(LibraryConfiguration, MissingRedirectURIFailsInitialisation) {
+  EXPECT_EXIT(ExitWith([] {
+                const OstrioHostParameter parameters[] = {{"ostriolib.OstrioClientName", "Editor"}};
+                return OstrioLibBeginProcess("Northwind Media", "25.1", "77", parameters, 1) ==
+                           kelcore::kErrorOperationFailed &&
+                       OstrioLibBeginProcess("Northwind Media", "25.1", "77", nullptr, 5) == 0;  // once only
               }),
               ::testing::ExitedWithCode(0), "");
 }
