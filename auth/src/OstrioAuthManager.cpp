@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <limits>
+#include <locale>
 #include <map>
 #include <string>
 
@@ -95,6 +96,15 @@ std::string ResultText(Result code) {
   char text[16];
   std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(code));
   return text;
+}
+
+// Letter case as the host's locale sees it: the browser or the desktop may change the case of
+// the scheme and host, and the scheme is the host's own choice of name.
+std::string UpperCase(std::string_view text) {
+  const std::locale locale;
+  std::string out(text);
+  for (char& c : out) c = std::toupper(c, locale);
+  return out;
 }
 
 // Optional '-', then digits up to the first non-digit; no digit or overflow gives 0.
@@ -220,7 +230,9 @@ bool OstrioAuthManager::IsAccessTokenValid() {
   using Ticks = std::chrono::duration<std::int64_t, std::ratio<1, 10'000'000>>;
   const std::int64_t ticks = std::chrono::duration_cast<Ticks>(clock().time_since_epoch()).count();
   const std::int64_t now = ticks / 10'000'000;
-  return expiry - now > 3600;
+  // Same as expiry - now > 3600, without the overflow a far-past expiry from a tampered record
+  // would cause (and that would read as valid).
+  return expiry > now + 3600;
 }
 
 // ---- the credential store ----
@@ -415,8 +427,8 @@ int OstrioAuthManager::Login(const std::function<void(int)>& callback) {
 int OstrioAuthManager::ProcessRedirectedCallbackUrl(const kelcore::U8Str& url) {
   int result = kelcore::kErrorNoServerResponse;
   const std::string_view text = kelcore::AsStringView(url);
-  const std::string expected = kelcore::ToUpperASCII(GetAuthCallbackUrl(false).View());
-  if (kelcore::ToUpperASCII(text).find(expected) == std::string::npos) {
+  const std::string expected = UpperCase(GetAuthCallbackUrl(false).View());
+  if (UpperCase(text).find(expected) == std::string::npos) {
     result = kelcore::kErrorInvalidArgument;
   } else if (const auto hash = text.find('#'); hash != std::string_view::npos) {
     const std::string_view fragment = text.substr(hash + 1);
@@ -456,7 +468,14 @@ Future<ImmutableString> OstrioAuthManager::RefreshAccessTokenIfNeeded() {
     generation = refreshInFlight_ = ++refreshGeneration_;
   }
 
-  Future<ImmutableString> refresh = GetOstrioAccessToken(false);
+  Future<ImmutableString> refresh;
+  try {
+    refresh = GetOstrioAccessToken(false);
+  } catch (...) {
+    // Nothing started: a claim left behind would answer every later caller with "pending".
+    EndRefresh(generation);
+    throw;
+  }
   std::weak_ptr<OstrioAuthManager> weakThis = WeakFromThisAs<OstrioAuthManager>();
   Future<ImmutableString> result = refresh.Then([weakThis, generation](Future<ImmutableString> done) {
     auto strongThis = weakThis.lock();

@@ -55,7 +55,14 @@ class SignInTest : public ::testing::Test {
 
 TEST_F(SignInTest, TokenIsValidOnlyWithMoreThanAnHourLeft) {
   const std::pair<std::string, bool> cases[] = {
-      {std::to_string(kNow + 3601), true}, {std::to_string(kNow + 3600), false}, {"soon", false}};
+      {std::to_string(kNow + 3601), true},
+      {std::to_string(kNow + 3600), false},
+      {std::to_string(kNow + 3601) + "junk", true},  // digits up to the first non-digit
+      {"soon", false},
+      {"+" + std::to_string(kNow + 7200), false},
+      {"99999999999999999999", false},   // overflow reads as 0
+      {"-9223372036854775808", false},  // far past: must not wrap round to "valid"
+  };
   for (const auto& [expires, valid] : cases) {
     Reset();
     Store(Record(expires));
@@ -139,6 +146,8 @@ TEST_F(SignInTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
       {"ostrio-test://ostrio?no-fragment", kelcore::kErrorNoServerResponse, "old"},
       {"other://ostrio#" + fragment, kelcore::kErrorInvalidArgument, "old"},
       {"ostrio-test://ostrio#garbage", kelcore::kErrorBadCredentials, "garbage"},
+      // The fragment starts at the first '#'.
+      {"ostrio-test://ostrio#x#" + fragment, kelcore::kErrorBadCredentials, "x#" + fragment},
   };
   for (const auto& c : cases) {
     Reset();
@@ -155,6 +164,7 @@ TEST_F(SignInTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
 TEST_F(SignInTest, LogoutClearsMemoryAndStoreAndReportsWhenNothingWasStored) {
   CallbackProbe probe;
   ASSERT_EQ(manager->Login(probe.Callback()), 0);
+  ASSERT_EQ(manager->Login({}), 0);  // an empty callback keeps the one already given
   const std::string url = "ostrio-test://ostrio#" + Record(std::to_string(kNow + 7200));
   ASSERT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(url)), 0);
   DrainCallbacks();

@@ -101,12 +101,26 @@ TEST_F(TokenRefreshTest, WrappedClaimsAreUnwrapped) {
   EXPECT_EQ(Stored().substr(0, 19), "expires=" + std::to_string(kNow + 500) + "&");
 }
 
+TEST_F(TokenRefreshTest, TheLastOfARepeatedHeaderCounts) {
+  const std::string jwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
+  transport.autoAnswer = [&] {
+    kelnet::HeaderMap headers{{"authorization", "Bearer stale"}, {"x-refresh-token", "rt-stale"},
+                              {"authorization", "Bearer " + jwt}, {"x-refresh-token", "rt-2"}};
+    return std::make_shared<kelnet::Response>(200, std::move(headers), "");
+  };
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+  EXPECT_EQ(manager->GetRefreshToken().View(), "rt-2");
+}
+
 struct BadAnswer {
   const char* name;
   std::function<std::shared_ptr<kelnet::Response>()> answer;
   kelcore::Result code;
   const char* expression;  // of the kel_exception, when it is one of ours
 };
+
+// Names the case in test output instead of dumping the struct's bytes.
+void PrintTo(const BadAnswer& answer, std::ostream* out) { *out << answer.name; }
 
 class UnusableAnswerTest : public TokenRefreshTest, public ::testing::WithParamInterface<BadAnswer> {};
 
@@ -224,6 +238,15 @@ TEST_F(TokenRefreshTest, PendingRefreshWithNoCachedTokenFails) {
   }
   transport.AnswerFirst(RefreshAnswer(401, std::nullopt, std::nullopt));
   EXPECT_TRUE(Outcome(first).second);
+}
+
+TEST_F(TokenRefreshTest, ARefreshThatCannotStartLeavesNothingPending) {
+  manager->SetClock([]() -> std::chrono::system_clock::time_point { throw std::runtime_error("no clock"); });
+  EXPECT_THROW(manager->RefreshAccessTokenIfNeeded(), std::runtime_error);
+  manager->SetClock([] { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); });
+  transport.autoAnswer = [] { return RefreshAnswer(200, "Bearer " + kGoodJwt, "rt-2"); };
+  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, kGoodJwt);
+  EXPECT_EQ(transport.Requests().size(), 1u);
 }
 
 TEST_F(TokenRefreshTest, ManagerGoneBeforeTheAnswer) {
