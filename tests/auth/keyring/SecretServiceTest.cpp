@@ -53,14 +53,20 @@ TEST(SecretService, TheAuthManagerKeepsItsRecordThereAndNotInFiles) {
   EXPECT_FALSE(fresh->IsUserSignedIn());  // the child signed out
 }
 
-// Kept last: it leaves the login collection locked. A locked collection answers lookups with
-// "nothing" and no error, so a store that cannot unlock it (no prompt without a display) must not
-// be used.
-TEST(SecretService, ALockedCollectionThatStaysLockedIsNotUsed) {
+// Kept last: it leaves the login collection locked. A locked item answers a lookup with "nothing"
+// and no error, just like a missing one: the store says so in a warning, and a collection that
+// cannot be unlocked (no prompt without a display) is not chosen at all.
+TEST(SecretService, ALockedCollectionReadsAsEmptyWithAWarningAndIsNotChosen) {
+  auto store = KeychainUtils::CreateSecretServiceKeychain();
+  ASSERT_TRUE(store);
+  ASSERT_EQ(store->AddPassword(kService, kAccount, kSecret, true), 0);
   ASSERT_EQ(std::system("gdbus call --session --dest org.freedesktop.secrets --object-path /org/freedesktop/secrets "
                         "--method org.freedesktop.Secret.Service.Lock "
                         "\"['/org/freedesktop/secrets/collection/login']\" >/dev/null"),
             0);
+  testing::LogCapture log;
+  EXPECT_EQ(store->GetPassword(kService, kAccount, true), u"");
+  EXPECT_NE(log.AllText().find("is locked"), std::string::npos) << log.AllText();
   EXPECT_FALSE(KeychainUtils::CreateSecretServiceKeychain(std::chrono::seconds(5), std::chrono::seconds(10)));
 }
 

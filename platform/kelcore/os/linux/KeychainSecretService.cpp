@@ -164,7 +164,12 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
     SecretValue* value = secret_service_lookup_finish(service_.get(), done.get(), &raw);
     GErrorPtr error(raw);
     if (!value) {
-      if (error) keychain_detail::Warn("Secret Service: reading a secret failed: " + Describe(error, ""));
+      if (error) {
+        keychain_detail::Warn("Secret Service: reading a secret failed: " + Describe(error, ""));
+      } else if (IsLocked(attributes.get())) {
+        // A locked item reads as "nothing stored", exactly like a missing one; say which it was.
+        keychain_detail::Warn("Secret Service: a stored secret is locked and could not be unlocked; reading it as absent");
+      }
       return {};
     }
     gsize length = 0;
@@ -192,6 +197,21 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
   }
 
  private:
+  // Whether an item matching `attributes` exists but is locked. Caller holds the mutex.
+  bool IsLocked(GHashTable* attributes) {
+    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+      secret_service_search(service_.get(), Schema(), attributes, SECRET_SEARCH_ALL, cancellable, callback, data);
+    });
+    if (!done) return false;
+    GError* raw = nullptr;
+    GList* items = secret_service_search_finish(service_.get(), done.get(), &raw);
+    GErrorPtr error(raw);
+    bool locked = false;
+    for (GList* item = items; item; item = item->next) locked |= secret_item_get_locked(SECRET_ITEM(item->data)) != FALSE;
+    g_list_free_full(items, g_object_unref);
+    return locked;
+  }
+
   static Attributes MakeAttributes(const std::string& service, const std::string& account, bool persistent) {
     Attributes attributes(g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free));
     g_hash_table_insert(attributes.get(), g_strdup("service"), g_strdup(service.c_str()));
