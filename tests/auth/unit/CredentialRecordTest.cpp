@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "auth/src/CredentialRecord.h"
+#include "auth/src/JwtTokenData.h"
+#include "kelcore/KelException.h"
 #include "auth/src/OstrioAuthManager.h"
 
 namespace ostriolib {
@@ -51,6 +53,42 @@ TEST(UrlEncode, KeepsUnreservedBytesAndWritesOthersInHexWithoutLeadingZero) {
   EXPECT_EQ(OstrioAuthManager::UrlEncode("a b"), "a%20b");
   EXPECT_EQ(OstrioAuthManager::UrlEncode("a\tb\n"), "a%9b%A");
   EXPECT_EQ(OstrioAuthManager::UrlEncode("\xC3\xA9:/"), "%C3%A9%3A%2F");
+}
+
+TEST(JwtTokenData, PayloadIsTheSecondPartPaddedToWholeQuanta) {
+  EXPECT_EQ(DecodeJwtPayload("h.YQ.s"), "a");
+  EXPECT_EQ(DecodeJwtPayload("h.YWI.s"), "ab");
+  EXPECT_EQ(DecodeJwtPayload("h.YWJj.s"), "abc");
+  EXPECT_EQ(DecodeJwtPayload("h.YWJjZ.s"), "");  // five characters cannot be padded into base64
+  EXPECT_EQ(DecodeJwtPayload("h.+/8.s"), "\xFB\xFF");
+  EXPECT_EQ(DecodeJwtPayload("h.YWJj"), "");
+  EXPECT_EQ(DecodeJwtPayload("YWJj"), "");
+}
+
+TEST(JwtTokenData, EveryClaimIsRequired) {
+  const std::string claims = R"("_correlation_id":"c","_version":4294967298,"aud":"a","exp":-5,"iat":1,)"
+                             R"("iss":7,"jti":"j","nbf":2,"sub":"s","typ":"t")";
+  const JwtTokenData data = ParseJwtTokenData("{" + claims + "}");
+  EXPECT_EQ(data.version, 2);  // the low 32 bits
+  EXPECT_EQ(data.exp, -5);
+  EXPECT_EQ(data.iss.View(), "");  // not a string
+  EXPECT_EQ(data.typ.View(), "t");
+
+  for (const char* key : {"_correlation_id", "_version", "aud", "exp", "iat", "iss", "jti", "nbf", "sub", "typ"}) {
+    const std::string item = "\"" + std::string(key) + "\":";
+    const std::size_t at = claims.find(item);
+    const std::size_t end = claims.find(',', at);
+    std::string without = claims;
+    without.erase(at, end == std::string::npos ? std::string::npos : end - at + 1);
+    if (!without.empty() && without.back() == ',') without.pop_back();
+    try {
+      ParseJwtTokenData("{" + without + "}");
+      ADD_FAILURE() << key << " was not required";
+    } catch (const kelcore::missing_key_exception& e) {
+      EXPECT_EQ(e.Key(), key);
+      EXPECT_EQ(e.TypeName(), "ostriolib::JwtTokenData");
+    }
+  }
 }
 
 }  // namespace
