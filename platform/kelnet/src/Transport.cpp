@@ -80,21 +80,25 @@ bool ParseUnsigned(std::string_view text, std::uint64_t& out) {
   return ec == std::errc() && end == text.data() + text.size();
 }
 
-// "bytes <first>-<last>/<total>", total "*" when unknown (0 here).
-bool ParseContentRange(std::string_view value, std::uint64_t& first, std::uint64_t& total) {
+// "bytes <first>-<last>/<total>", total "*" when unknown (0 here). A range that runs backwards
+// or past its own total is as unreadable as a missing one.
+bool ParseContentRange(std::string_view value, std::uint64_t& first, std::uint64_t& last, std::uint64_t& total) {
   value = Trim(value);
   if (value.substr(0, 6) != "bytes ") return false;
   value.remove_prefix(6);
   const auto dash = value.find('-');
   const auto slash = value.find('/');
   if (dash == std::string_view::npos || slash == std::string_view::npos || slash < dash) return false;
-  if (!ParseUnsigned(value.substr(0, dash), first)) return false;
+  if (!ParseUnsigned(value.substr(0, dash), first) || !ParseUnsigned(value.substr(dash + 1, slash - dash - 1), last) ||
+      last < first) {
+    return false;
+  }
   std::string_view totalText = Trim(value.substr(slash + 1));
   if (totalText == "*") {
     total = 0;
     return true;
   }
-  return ParseUnsigned(totalText, total);
+  return ParseUnsigned(totalText, total) && last < total;
 }
 
 // The debug-database key "ostriolib.cabundle". Its variable is looked at on every request; the
@@ -193,9 +197,10 @@ struct Request {
   std::shared_ptr<const std::string> caBundle;
   curl_slist* requestHeaders = nullptr;
   CURL* easy = nullptr;
-  std::string host;       // for the log; never the path or query
-  std::string path;   // to keep them out of curl's error text in the log
+  std::string host;  // for the log; never the path, query or user info
+  std::string path;  // to keep them out of curl's error text in the log
   std::string query;
+  std::string userInfo;
   bool cancelled = false;  // network thread only
   bool retried = false;
 
@@ -207,9 +212,11 @@ struct Request {
   bool bodyStarted = false;
   bool deliver = false;
   bool callbackFailed = false;
+  const char* broken = nullptr;  // why we ended an answer that does not add up
   std::uint64_t offsetBase = 0;
   std::uint64_t received = 0;
   std::uint64_t total = 0;
+  std::uint64_t rangeLength = 0;  // of a 206 answer: what its Content-Range announced; 0 otherwise
   char error[CURL_ERROR_SIZE] = {};
 
   ~Request() {
@@ -332,6 +339,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   request->host = parts->host;
   request->path = parts->path == "/" ? std::string() : parts->path;
   request->query = parts->query;
+  request->userInfo = parts->userInfo;
 
   bool hasRange = false;
   bool hasContentType = false;
@@ -504,7 +512,7 @@ void Transport::CancelActive(const Guid& id) {
 void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
   curl_multi_remove_handle(multi_, request->easy);
   std::shared_ptr<Response> response;
-  if (code == CURLE_OK && !request->cancelled && !request->callbackFailed) {
+  if (code == CURLE_OK && !request->cancelled && !request->callbackFailed && !request->broken) {
     long status = 0;
     curl_easy_getinfo(request->easy, CURLINFO_RESPONSE_CODE, &status);
     long version = 0;
@@ -516,13 +524,15 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
     response = std::make_shared<Response>(static_cast<int>(status), std::move(request->headers),
                                           std::move(request->body_), versionText);
   } else if (!request->cancelled) {
-    std::string detail = request->error;
-    for (const std::string* secret : {&request->path, &request->query}) {
+    // curl's text for an answer we ended ourselves would only say that a write failed.
+    std::string detail = request->broken || request->callbackFailed ? "" : request->error;
+    for (const std::string* secret : {&request->path, &request->query, &request->userInfo}) {
       if (!secret->empty() && detail.find(*secret) != std::string::npos) detail.clear();
     }
-    LogWarning("HTTP request failed", {{"host", request->host},
-                                       {"error", request->callbackFailed ? "callback failed" : curl_easy_strerror(code)},
-                                       {"detail", detail}});
+    const char* error = request->broken           ? request->broken
+                        : request->callbackFailed ? "callback failed"
+                                                  : curl_easy_strerror(code);
+    LogWarning("HTTP request failed", {{"host", request->host}, {"error", error}, {"detail", detail}});
   }
   ReleaseEasy(request->easy);
   request->easy = nullptr;
@@ -701,17 +711,25 @@ size_t Transport::OnWrite(char* buffer, size_t size, size_t count, void* user) {
     request->received = 0;
     request->offsetBase = 0;
     request->total = 0;
+    request->rangeLength = 0;
     const bool success = status >= 200 && status <= 299;
     request->deliver = request->streaming && success;
-    if (request->deliver) {
+    if (request->deliver && status == kStatusPartialContent) {
+      // Part of a resource: without a readable Content-Range there is no telling where its bytes
+      // belong, so none of them are handed on.
       auto range = request->headers.find(kHEADER_CONTENT_RANGE);
       std::uint64_t first = 0;
+      std::uint64_t last = 0;
       std::uint64_t total = 0;
-      if (status == kStatusPartialContent && range != request->headers.end() &&
-          ParseContentRange(range->second.View(), first, total)) {
-        request->offsetBase = first;
-        request->total = total;
-      } else if (request->headers.find(kelcore::ImmutableString("content-encoding")) == request->headers.end()) {
+      if (range == request->headers.end() || !ParseContentRange(range->second.View(), first, last, total)) {
+        request->broken = "partial answer without a readable Content-Range";
+        return 0;
+      }
+      request->offsetBase = first;
+      request->total = total;
+      request->rangeLength = last - first + 1;
+    } else if (request->deliver) {
+      if (request->headers.find(kelcore::ImmutableString("content-encoding")) == request->headers.end()) {
         curl_off_t contentLength = -1;
         curl_easy_getinfo(request->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
         if (contentLength > 0) request->total = static_cast<std::uint64_t>(contentLength);
@@ -725,17 +743,26 @@ size_t Transport::OnWrite(char* buffer, size_t size, size_t count, void* user) {
     }
   }
   if (request->deliver) {
-    Progress progress;
-    progress.bytesReceived = request->received + length;
-    progress.totalBytes = request->total;
-    try {
-      request->onData(request->id, buffer, static_cast<std::size_t>(request->offsetBase + request->received), length,
-                      progress, request->headers);
-    } catch (...) {
-      request->callbackFailed = true;
+    // Bytes past the end the Content-Range announced belong to no offset we could name.
+    std::size_t take = length;
+    if (request->rangeLength) take = std::min<std::uint64_t>(length, request->rangeLength - request->received);
+    if (take > 0) {
+      Progress progress;
+      progress.bytesReceived = request->received + take;
+      progress.totalBytes = request->total;
+      try {
+        request->onData(request->id, buffer, static_cast<std::size_t>(request->offsetBase + request->received), take,
+                        progress, request->headers);
+      } catch (...) {
+        request->callbackFailed = true;
+        return 0;
+      }
+      request->received += take;
+    }
+    if (take < length) {
+      request->broken = "answer longer than its Content-Range";
       return 0;
     }
-    request->received += length;
     // The callback may have cancelled its own request.
     return request->cancelled ? 0 : length;
   }

@@ -34,7 +34,9 @@ bool POST(const kelcore::utility::Guid& requestId, Completion completion, const 
 
 // Starts a streaming GET: onData receives a 2xx body as it arrives, with each chunk's offset in
 // the resource (the Content-Range start for a 206 answer, else 0, plus the bytes before it);
-// nothing is accumulated. Bodies of other statuses are not streamed: the final Response carries
+// nothing is accumulated. A 206 answer whose Content-Range is missing or unreadable delivers
+// nothing, and one that runs past its Content-Range delivers up to there: both then complete
+// with a null response. Bodies of other statuses are not streamed: the final Response carries
 // them (the first 1 MiB), so an error page never lands in the caller's file. For a 2xx answer
 // the final Response carries status and headers and an empty body.
 bool StreamingGET(const kelcore::utility::Guid& requestId, DataCallback onData, Completion completion,
