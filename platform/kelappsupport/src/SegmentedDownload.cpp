@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
@@ -148,9 +149,11 @@ void SegmentedDownload::OnData(const PiecePtr& piece, const kelcore::utility::Gu
               mode_ = Mode::Single;
             }
           }
-        } else if (!ranged || piece->whole) {
-          if (!piece->whole) {
-            // A full answer to a guarded range: the resource is no longer the one we started on.
+        } else if (!piece->whole) {
+          // A full answer to a guarded range, or a range of a resource of another size: the
+          // resource is no longer the one we started on.
+          const auto total = ranged ? ContentRangeTotal(range->second.View()) : std::nullopt;
+          if (!ranged || (totalKnown_ && total && *total != total_)) {
             cancel = FailLocked(Failure(kelnet::kStatusPreconditionFailed, "resource changed during download"));
             cancel.push_back(piece->exchange);
           }
@@ -190,10 +193,13 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
   {
     std::lock_guard lock(mutex_);
     piece->exchange.reset();
+    // Every byte of the piece arrived: a connection lost after the last of them changes nothing
+    // (asking again would ask for an empty range).
+    const bool allThere = !piece->whole && piece->end != kOpenEnd && piece->next >= piece->end;
     if (failed_ || finished_) {
       running_.erase(piece);
-    } else if (response && response->IsSuccess()) {
-      if (piece->probe) httpVersion_ = response->HttpVersion();
+    } else if ((response && response->IsSuccess()) || allThere) {
+      if (piece->probe && response) httpVersion_ = response->HttpVersion();
       if (piece->whole || (piece->probe && mode_ == Mode::Probing)) {
         // The whole resource in one answer (or an empty one, which carries no bytes to look at).
         wholeResponse_ = response;

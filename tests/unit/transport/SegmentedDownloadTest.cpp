@@ -29,8 +29,10 @@ struct Resource {
   bool ranges = true;
 };
 
-// Answers like the emulator: byte i is i % 251. breakAfter ends the answer with no response
-// after that many body bytes, as a reset connection would.
+// Answers like the emulator: byte i is i % 251; a range that runs backwards is ignored. breakAfter
+// ends the answer with no response after that many body bytes (kAfterLastByte: after all of them),
+// as a reset connection would.
+constexpr std::size_t kAfterLastByte = SIZE_MAX - 1;
 void Serve(FakeTransport& transport, const FakeRequestPtr& request, const Resource& resource,
            std::size_t breakAfter = SIZE_MAX) {
   std::size_t first = 0, last = resource.size ? resource.size - 1 : 0;
@@ -38,15 +40,19 @@ void Serve(FakeTransport& transport, const FakeRequestPtr& request, const Resour
   const std::string range = request->Header("range");
   const std::string ifRange = request->Header("if-range");
   if (resource.ranges && range.rfind("bytes=", 0) == 0 && (ifRange.empty() || ifRange == resource.etag)) {
+    std::size_t askedFirst = 0, askedLast = SIZE_MAX;
     const auto dash = range.find('-');
-    std::from_chars(range.data() + 6, range.data() + dash, first);
-    if (dash + 1 < range.size()) std::from_chars(range.data() + dash + 1, range.data() + range.size(), last);
-    if (first >= resource.size) {
+    std::from_chars(range.data() + 6, range.data() + dash, askedFirst);
+    if (dash + 1 < range.size()) std::from_chars(range.data() + dash + 1, range.data() + range.size(), askedLast);
+    if (askedFirst >= resource.size && askedLast >= askedFirst) {
       transport.Answer(request, 416, {{"content-range", "bytes */" + std::to_string(resource.size)}});
       return;
     }
-    last = std::min(last, resource.size - 1);
-    partial = true;
+    if (askedLast >= askedFirst) {
+      first = askedFirst;
+      last = std::min(askedLast, resource.size - 1);
+      partial = true;
+    }
   }
   kelnet::HeaderMap headers{{"etag", resource.etag}, {"accept-ranges", "bytes"}};
   if (partial) {
@@ -65,7 +71,7 @@ void Serve(FakeTransport& transport, const FakeRequestPtr& request, const Resour
     at += n;
     sent += n;
   }
-  if (sent < end - first && (breakAfter != SIZE_MAX || request->cancelled)) {
+  if (request->cancelled || sent == (breakAfter == kAfterLastByte ? end - first : breakAfter)) {
     transport.Answer(request, nullptr);
     return;
   }
@@ -168,6 +174,45 @@ TEST_F(SegmentedDownloadTest, BreakOffsWithoutProgressAreReportedNotTruncated) {
   ASSERT_EQ(completions, 1);
   EXPECT_FALSE(final);
   EXPECT_LT(sink.Bytes(), resource.size);
+}
+
+TEST_F(SegmentedDownloadTest, ConnectionLostRightAfterAPiecesLastByteChangesNothing) {
+  const Resource resource{20 * kMiB};
+  Start();
+  Drive(resource, [](std::size_t served) { return served == 1 ? kAfterLastByte : SIZE_MAX; });
+  ASSERT_EQ(completions, 1);
+  ASSERT_TRUE(final);
+  EXPECT_EQ(final->StatusCode(), 200);
+  EXPECT_TRUE(sink.Complete(resource.size));
+}
+
+TEST_F(SegmentedDownloadTest, RangeAnswersThatDoNotMatchTheRequestFailTheDownload) {
+  const Resource resource{20 * kMiB};
+  // A piece answered with bytes of another place, or of a resource of another size.
+  for (bool wrongPlace : {true, false}) {
+    sink.Reset();
+    Start();
+    Serve(*transport, transport->Take(), resource);
+    auto piece = transport->Take();
+    std::size_t first = 0;
+    const std::string range = piece->Header("range");
+    std::from_chars(range.data() + 6, range.data() + range.size(), first);
+    const std::size_t offset = wrongPlace ? 0 : first;
+    const std::size_t total = wrongPlace ? resource.size : resource.size + 1;
+    std::vector<unsigned char> bytes(1000);
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>((offset + i) % 251);
+    const kelnet::HeaderMap headers{
+        {"etag", resource.etag},
+        {"content-range", "bytes " + std::to_string(offset) + "-" + std::to_string(offset + 999) + "/" +
+                              std::to_string(total)}};
+    piece->onData(piece->id, bytes.data(), offset, bytes.size(), kelnet::Progress{}, headers);
+    transport->Answer(piece, 206, headers);
+    Drive(resource);
+    ASSERT_TRUE(final) << wrongPlace;
+    EXPECT_EQ(final->StatusCode(), kelnet::kStatusPreconditionFailed);
+    EXPECT_EQ(sink.Bytes(), 1 * kMiB) << "only the probe's bytes may arrive";
+  }
+  EXPECT_EQ(completions, 2);
 }
 
 TEST_F(SegmentedDownloadTest, ResourceChangingMidwayFailsWithoutMixingVersions) {
