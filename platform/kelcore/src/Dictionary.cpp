@@ -8,6 +8,8 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <system_error>
+#include <type_traits>
 
 namespace kelcore::utility {
 
@@ -496,12 +498,17 @@ class TapeBuilder {
 
 namespace ondemand = simdjson::ondemand;
 
-// JSON's number grammar, checked on every token of this path before simdjson converts it, so
-// that reading big integers as doubles cannot let malformed numbers through.
+// Numbers on this path are converted here, from their text, not by simdjson 3.0's On-Demand
+// getters, which get some right-looking numbers wrong: a root integer goes through a fixed
+// 21-byte copy that truncates a longer text ("-18446744073709551616" came back as the integer
+// -1844674407370955161), and "0." followed by 20 or more digits is misread (0.42225574925786837226
+// came back as 0.0533...). The DOM stage reads them correctly and so, being correctly rounded
+// too, does std::from_chars; the two paths therefore agree to the bit.
+
+bool IsJSONSpace(char c) noexcept { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
+
+// JSON's number grammar, checked on every token before it is converted.
 bool IsJSONNumber(std::string_view token) noexcept {
-  while (!token.empty() && (token.back() == ' ' || token.back() == '\t' || token.back() == '\n' || token.back() == '\r')) {
-    token.remove_suffix(1);
-  }
   std::size_t i = 0;
   auto digits = [&] {
     const std::size_t start = i;
@@ -526,32 +533,70 @@ bool IsJSONNumber(std::string_view token) noexcept {
   return i == token.size();
 }
 
-// A value's raw token comes back bare, a document's wrapped in a result.
-simdjson::error_code TokenOf(std::string_view raw, std::string_view& token) noexcept {
-  token = raw;
-  return simdjson::SUCCESS;
-}
-simdjson::error_code TokenOf(simdjson::simdjson_result<std::string_view> raw, std::string_view& token) noexcept {
-  return std::move(raw).get(token);
+// For a well-formed number that does not fit a double: whether it is too small (below the
+// least subnormal) rather than too large. Decided by the decimal exponent of its first
+// significant digit, which is negative for every number below 1.
+bool IsBelowDoubleRange(std::string_view token) noexcept {
+  std::size_t i = token[0] == '-' ? 1 : 0;
+  long long intDigits = 0;
+  long long leadingZeros = 0;  // zeros ahead of the first significant digit, across the point
+  bool significant = false;
+  for (; i < token.size() && token[i] >= '0' && token[i] <= '9'; ++i, ++intDigits) {
+    if (!significant && token[i] == '0') {
+      ++leadingZeros;
+    } else {
+      significant = true;
+    }
+  }
+  if (i < token.size() && token[i] == '.') {
+    for (++i; i < token.size() && token[i] >= '0' && token[i] <= '9'; ++i) {
+      if (!significant && token[i] == '0') {
+        ++leadingZeros;
+      } else {
+        significant = true;
+      }
+    }
+  }
+  long long exponent = 0;
+  if (i < token.size() && (token[i] == 'e' || token[i] == 'E')) {
+    ++i;
+    const bool negative = i < token.size() && token[i] == '-';
+    if (i < token.size() && (token[i] == '+' || token[i] == '-')) ++i;
+    // Saturated: an exponent of any length only needs to be known as "huge".
+    for (; i < token.size(); ++i) exponent = std::min<long long>(exponent * 10 + (token[i] - '0'), 1LL << 40);
+    if (negative) exponent = -exponent;
+  }
+  return intDigits - 1 - leadingZeros + exponent < 0;
 }
 
-template <class Source>  // ondemand::value or ondemand::document (a scalar root)
-simdjson::error_code BuildNumber(Source& source, TapeBuilder& builder) {
-  std::string_view token;
-  if (auto error = TokenOf(source.raw_json_token(), token)) return error;
+// Adds the number `token` (surrounding JSON whitespace allowed) to the tape. Integers keep their
+// kind while they fit 64 bits; anything else is a double; beyond a double's range is an error
+// and below it a zero of the number's sign, both as the DOM stage has it.
+simdjson::error_code BuildNumberFromText(std::string_view token, TapeBuilder& builder) {
+  while (!token.empty() && IsJSONSpace(token.front())) token.remove_prefix(1);
+  while (!token.empty() && IsJSONSpace(token.back())) token.remove_suffix(1);
   if (!IsJSONNumber(token)) return simdjson::NUMBER_ERROR;
-  ondemand::number_type type;
-  if (auto error = source.get_number_type().get(type)) return error;
-  if (type == ondemand::number_type::signed_integer) {
-    std::int64_t value;
-    if (!source.get_int64().get(value)) return builder.Integer(value), simdjson::SUCCESS;
-  } else if (type == ondemand::number_type::unsigned_integer) {
-    std::uint64_t value;
-    if (!source.get_uint64().get(value)) return builder.Unsigned(value), simdjson::SUCCESS;
+  const char* const first = token.data();
+  const char* const last = first + token.size();
+  if (token.find_first_of(".eE") == std::string_view::npos) {
+    std::int64_t signedValue;
+    if (const auto [end, error] = std::from_chars(first, last, signedValue); error == std::errc() && end == last) {
+      builder.Integer(signedValue);
+      return simdjson::SUCCESS;
+    }
+    std::uint64_t unsignedValue;
+    if (const auto [end, error] = std::from_chars(first, last, unsignedValue); error == std::errc() && end == last) {
+      builder.Unsigned(unsignedValue);
+      return simdjson::SUCCESS;
+    }
   }
-  // A fraction, an exponent, or an integer beyond 64 bits.
   double value;
-  if (auto error = source.get_double().get(value)) return error;
+  const auto [end, error] = std::from_chars(first, last, value);
+  if (error == std::errc::result_out_of_range && IsBelowDoubleRange(token)) {
+    value = token[0] == '-' ? -0.0 : 0.0;
+  } else if (error != std::errc() || end != last) {
+    return simdjson::NUMBER_ERROR;
+  }
   builder.Double(value);
   return simdjson::SUCCESS;
 }
@@ -583,7 +628,7 @@ simdjson::error_code BuildArray(ondemand::array array, TapeBuilder& builder) {
   return simdjson::SUCCESS;
 }
 
-template <class Source>
+template <class Source>  // ondemand::value, or ondemand::document for a scalar root
 simdjson::error_code BuildScalar(Source& source, ondemand::json_type type, TapeBuilder& builder) {
   switch (type) {
     case ondemand::json_type::string: {
@@ -593,7 +638,11 @@ simdjson::error_code BuildScalar(Source& source, ondemand::json_type type, TapeB
       return simdjson::SUCCESS;
     }
     case ondemand::json_type::number:
-      return BuildNumber(source, builder);
+      if constexpr (std::is_same_v<Source, ondemand::value>) {
+        return BuildNumberFromText(source.raw_json_token(), builder);
+      } else {
+        return simdjson::TAPE_ERROR;  // a root number is read from the whole text instead
+      }
     case ondemand::json_type::boolean: {
       bool flag;
       if (auto error = source.get_bool().get(flag)) return error;
@@ -660,6 +709,12 @@ simdjson::error_code ParseOnDemand(ParseScratch& scratch, const char* text, std:
     ondemand::array array;
     error = document.get_array().get(array);
     if (!error) error = BuildArray(array, builder);
+  } else if (type == ondemand::json_type::number) {
+    // The document is this one number: read from the whole text, so whatever follows it in
+    // the text makes it malformed.
+    if (auto numberError = BuildNumberFromText(std::string_view(text, length), builder)) return numberError;
+    out = builder.Finish();
+    return simdjson::SUCCESS;
   } else {
     error = BuildScalar(document, type, builder);
   }

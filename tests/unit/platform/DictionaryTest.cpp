@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <limits>
+#include <ostream>
 #include <thread>
 
 #include "kelcore/Dictionary.h"
@@ -12,6 +13,11 @@ using kelcore::utility::DictionaryValue;
 using kelcore::utility::JSONParseToDictionaryValue;
 using kelcore::utility::JSONWrite;
 using Kind = DictionaryValue::Kind;
+
+namespace kelcore::utility {
+// Failures show the value as JSON rather than as the bytes of the object.
+void PrintTo(const DictionaryValue& value, std::ostream* out) { *out << JSONWrite(value); }
+}  // namespace kelcore::utility
 
 namespace {
 
@@ -85,6 +91,39 @@ TEST(DictionaryJson, NumbersKeepTheirKind) {
                 std::numeric_limits<double>::infinity(), std::nan(""), 100.0, 0.1, 1e300, -0.0,
                 std::numeric_limits<std::int64_t>::min(), std::numeric_limits<std::uint64_t>::max(), 3u})),
             "[null,null,100.0,0.1,1e+300,-0.0,-9223372036854775808,18446744073709551615,3]");
+}
+
+TEST(DictionaryJson, EveryParsePathReadsANumberToTheSameBits) {
+  // A number alone, inside an array, and inside an array that a big integer sends down the
+  // slower path: three readers, one answer.
+  const char* numbers[] = {"0", "-0", "7", "-9223372036854775808", "9223372036854775808", "18446744073709551615",
+                           "0.42225574925786837226", "-0.98197216152701925357", "0.26387571351658728295e42",
+                           "-0.000000000000000000000000001234567890123456789012", "1.7976931348623157e308",
+                           "4.9406564584124654e-324", "2e-324", "-1e-400", "1e-99999999999999999999", "1E+2"};
+  for (const char* number : numbers) {
+    const auto alone = Parse(number);
+    const auto inArray = Parse(std::string("[") + number + "]");
+    const auto slow = Parse(std::string("[18446744073709551616,") + number + "]");
+    ASSERT_TRUE(alone && inArray && slow) << number;
+    EXPECT_EQ(*alone, inArray->AsArray()[0]) << number;
+    EXPECT_EQ(*alone, slow->AsArray()[1]) << number;
+    if (alone->GetKind() == Kind::Double) {
+      EXPECT_EQ(std::signbit(alone->AsDouble()), number[0] == '-') << number;
+    }
+  }
+  EXPECT_EQ(Parse("0.42225574925786837226")->AsDouble(), 0.42225574925786837226);
+
+  // Integers beyond 64 bits alone in a document: doubles, never a truncated integer.
+  for (const char* big : {"-18446744073709551616", "123456789012345678901", " 98765432109876543210987 "}) {
+    const auto value = Parse(big);
+    ASSERT_TRUE(value) << big;
+    EXPECT_EQ(value->GetKind(), Kind::Double) << big;
+    EXPECT_EQ(value->AsDouble(), std::stod(big)) << big;
+  }
+  for (const char* bad : {"-18446744073709551616 1", "123456789012345678901x", "1e99999999999999999999",
+                          "[18446744073709551616,1e99999999999999999999]", "[18446744073709551616,-1e309]"}) {
+    EXPECT_FALSE(Parse(bad)) << bad;
+  }
 }
 
 TEST(DictionaryJson, StringsAreUnescapedAndWrittenEscaped) {
