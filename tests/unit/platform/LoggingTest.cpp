@@ -79,10 +79,18 @@ void LogToStderrFromEnvironment() {
   std::exit(levels ? 0 : 1);
 }
 
-TEST(Logging, EnvironmentInstallsAStderrSink) {
+void StaySilentWithoutEnvironment() {
+  unsetenv("OSTRIOLIB_LOG");
+  const bool off = !IsLoggingEnabled(Level::Error) && !IsTraceEnabled("kelcoretest", 1);
+  Log(Make(Level::Error, "must not appear"));
+  std::exit(off ? 0 : 1);
+}
+
+TEST(Logging, EnvironmentInstallsAStderrSinkAndNothingIsWrittenWithoutIt) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(LogToStderrFromEnvironment(), ::testing::ExitedWithCode(0),
               "debug kelcoretest: two words id=\"a\\\\\"b\" n=\"1\"\n$");
+  EXPECT_EXIT(StaySilentWithoutEnvironment(), ::testing::ExitedWithCode(0), "^$");
 }
 
 TEST(Logging, QuoteJSONEscapesWhatJSONRequires) {
