@@ -3,13 +3,17 @@
 #
 #   bench/e2e/transport_bench.sh [build-dir]      (default build/release; configured if missing)
 #
+# Sizes come from the environment, so a smoke run can be small:
+#   ROUNDS (3), POSTS (10000 per side and round), SINGLE_BYTES (1 GiB), SEGMENTED_BYTES (1 GiB),
+#   MEMORY_BYTES (2 GiB: the peak-memory download).
+#
 # Each line is a ratio of ours to the reference measured right next to it, best of ROUNDS runs
 # each, taking turns so that a busy moment of the machine hits both sides alike:
 #   - small POSTs per second through ServiceBase (16 in flight) vs h2load -c1 -m16, same endpoint;
 #     over HTTP/2 (the default) and, for comparison, over HTTP/1.1 keep-alive connections
 #   - single-stream download vs curl -o /dev/null
 #   - segmented download vs aria2c -x8 -s8 (both write the file to /dev/shm)
-#   - peak memory (VmHWM) of a 2 GiB download
+#   - peak memory (VmHWM) of a MEMORY_BYTES download
 # h2load and aria2c do not resolve *.localhost; they go to 127.0.0.1, which the emulator serves
 # as its api host (its certificate carries the address).
 set -euo pipefail
@@ -102,5 +106,5 @@ printf '%-34s %12s %12s %8s %s\n' "POST requests/s (vs h2load)" "$R" "$H" "$(rat
 printf '%-34s %12s %12s %8s %s\n' "  the same over HTTP/1.1" "$R1" "$H" "$(ratio "$R1" "$H")" ""
 printf '%-34s %12s %12s %8s %s\n' "single-stream MB/s (vs curl)" "$S" "$C" "$(ratio "$S" "$C")" ">= 0.90"
 printf '%-34s %12s %12s %8s %s\n' "segmented MB/s (vs aria2c -x8)" "$G" "$A" "$(ratio "$G" "$A")" ">= 1.00"
-printf '%-34s %12s %12s %8s %s\n' "peak RSS of a 2 GiB download, MiB" "$((memory / 1024))" "-" "-" "< 64"
+printf '%-34s %12s %12s %8s %s\n' "peak RSS, $((MEMORY_BYTES >> 20)) MiB download, MiB" "$((memory / 1024))" "-" "-" "< 64"
 echo "(cores: $(nproc); load average before the summary: $(cut -d' ' -f1-3 /proc/loadavg))"

@@ -72,8 +72,10 @@ int Post(const std::string& url, long requests, int concurrency, const std::stri
   {
     Latch warm(concurrency);
     for (int i = 0; i < concurrency; ++i) {
-      service.HttpPost(Guid::CreateUnique(), [&](const Guid&, const auto&) { warm.CountDown(); }, target, buffer,
-                       headers, configuration, true);
+      if (service.HttpPost(Guid::CreateUnique(), [&](const Guid&, const auto&) { warm.CountDown(); }, target, buffer,
+                           headers, configuration, true) < 0) {
+        warm.CountDown();
+      }
     }
     warm.Wait();
   }
@@ -82,7 +84,7 @@ int Post(const std::string& url, long requests, int concurrency, const std::stri
   std::atomic<long> issued{0};
   std::function<void()> next = [&] {
     if (issued.fetch_add(1) >= requests) return;
-    service.HttpPost(
+    const int started = service.HttpPost(
         Guid::CreateUnique(),
         [&](const Guid&, const std::shared_ptr<kelnet::Response>& response) {
           if (response && response->StatusCode() == 200) ++ok;
@@ -90,6 +92,8 @@ int Post(const std::string& url, long requests, int concurrency, const std::stri
           latch.CountDown();
         },
         target, buffer, headers, configuration, true);
+    // Not started: counted as a failure, so the run ends instead of waiting for it.
+    if (started < 0) latch.CountDown();
   };
   const auto start = Clock::now();
   for (int i = 0; i < concurrency; ++i) next();
