@@ -1,7 +1,8 @@
 // kelnet against a loopback server that answers with scripted bytes: broken status lines, lying
 // lengths, ranges that do not add up, untidy headers. Each must end in a null response (and a
 // logged reason without the URL's secrets) or in exactly the bytes the server sent, at their
-// true offsets; never in bytes at the wrong place.
+// true offsets; never in bytes at the wrong place. Also what the environment and the answer
+// decide: the proxy, and compressed bodies.
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -22,10 +23,10 @@ using kelcore::utility::Guid;
 using transport_test::Awaited;
 
 // Reads each connection's one request (head and body) and answers with whatever answerFor gives
-// for its request line, then closes the connection.
+// for it, then closes the connection.
 class ScriptedServer {
  public:
-  explicit ScriptedServer(std::function<std::string(const std::string& requestLine)> answerFor)
+  explicit ScriptedServer(std::function<std::string(const std::string& request)> answerFor)
       : answerFor_(std::move(answerFor)) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -64,7 +65,7 @@ class ScriptedServer {
           if (at != std::string::npos && at < headEnd) wanted = std::stoul(request.substr(at + 16));
         }
       }
-      const std::string answer = answerFor_(request.substr(0, request.find("\r\n")));
+      const std::string answer = answerFor_(request);
       for (std::size_t sent = 0; sent < answer.size();) {
         const ssize_t n = ::write(connection, answer.data() + sent, answer.size() - sent);
         if (n <= 0) break;
@@ -111,11 +112,11 @@ std::shared_ptr<kelnet::Response> Post(const std::string& url, const std::string
   return awaited.Get();
 }
 
-TEST(MalformedAnswerTest, PostAnswersThatBreakTheProtocolFailWithoutLeakingTheUrl) {
-  ScriptedServer server([](const std::string& line) -> std::string {
-    if (line.find("/garbage/") != std::string::npos) return "SSH-2.0-OpenSSH\r\n\r\n";
-    if (line.find("/status/") != std::string::npos) return "HTTP/1.1 2x0 OK\r\ncontent-length: 0\r\n\r\n";
-    if (line.find("/short/") != std::string::npos) return "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\n{\"data\":";
+TEST(HttpWireTest, PostAnswersThatBreakTheProtocolFailWithoutLeakingTheUrl) {
+  ScriptedServer server([](const std::string& request) -> std::string {
+    if (request.find("/garbage/") != std::string::npos) return "SSH-2.0-OpenSSH\r\n\r\n";
+    if (request.find("/status/") != std::string::npos) return "HTTP/1.1 2x0 OK\r\ncontent-length: 0\r\n\r\n";
+    if (request.find("/short/") != std::string::npos) return "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\n{\"data\":";
     // Names in any case with stray blanks, a folded line, repeats in order, and a body with a NUL.
     static const char kTidy[] =
         "HTTP/1.1 200 Fine\r\nCoNtEnT-TyPe:   application/json \t\r\nX-Repeat: one\r\nx-note: first\r\n  second\r\n"
@@ -167,14 +168,14 @@ Streamed Get(const std::string& url) {
   return streamed;
 }
 
-TEST(MalformedAnswerTest, PartialAnswersThatDoNotAddUpNeverPlaceBytes) {
+TEST(HttpWireTest, PartialAnswersThatDoNotAddUpNeverPlaceBytes) {
   // Bodies end with the connection (no length), so only the Content-Range says how long they are.
-  ScriptedServer server([](const std::string& line) -> std::string {
+  ScriptedServer server([](const std::string& request) -> std::string {
     const std::string head = "HTTP/1.1 206 Partial Content\r\nConnection: close\r\n";
-    if (line.find("/no-range") != std::string::npos) return head + "\r\n0123456789";
-    if (line.find("/unreadable") != std::string::npos) return head + "Content-Range: bytes ten-19/*\r\n\r\n0123456789";
-    if (line.find("/backwards") != std::string::npos) return head + "Content-Range: bytes 19-10/100\r\n\r\n0123456789";
-    if (line.find("/too-long") != std::string::npos) {
+    if (request.find("/no-range") != std::string::npos) return head + "\r\n0123456789";
+    if (request.find("/unreadable") != std::string::npos) return head + "Content-Range: bytes ten-19/*\r\n\r\n0123456789";
+    if (request.find("/backwards") != std::string::npos) return head + "Content-Range: bytes 19-10/100\r\n\r\n0123456789";
+    if (request.find("/too-long") != std::string::npos) {
       return head + "Content-Range: bytes 10-19/100\r\n\r\n0123456789ABCDEFGHIJ";
     }
     return head + "content-range:  bytes 10-19/100 \r\n\r\n0123456789";
@@ -195,6 +196,32 @@ TEST(MalformedAnswerTest, PartialAnswersThatDoNotAddUpNeverPlaceBytes) {
   EXPECT_EQ(good.response->StatusCode(), 206);
   EXPECT_EQ(good.Joined(), "0123456789");
   EXPECT_EQ(good.chunks.front().first, 10u);
+}
+
+TEST(HttpWireTest, ProxyFromTheEnvironmentAndCompressedAnswers) {
+  std::mutex mutex;
+  std::string seen;
+  ScriptedServer proxy([&](const std::string& request) {
+    std::lock_guard lock(mutex);
+    seen = request;
+    static const char kGzip[] =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Encoding: gzip\r\nContent-Length: 39\r\n"
+        "Connection: close\r\n\r\n\x1f\x8b\x08\x00\x00\x00\x00\x00\x02\x03\xab\x56\x4a\xce\xcf\x2d\x28\x4a\x2d\x2e"
+        "\x4e\x4d\x51\xb2\x2a\x29\x2a\x4d\xad\x05\x00\xf1\xea\x39\x95\x13\x00\x00\x00";
+    return std::string(kGzip, sizeof kGzip - 1);
+  });
+  ::unsetenv("no_proxy");
+  ::unsetenv("NO_PROXY");
+  ::setenv("http_proxy", proxy.Url("").c_str(), 1);
+  auto response = Post("http://api.proxied.test/graphql");
+  ::unsetenv("http_proxy");
+  ASSERT_TRUE(response);
+  EXPECT_EQ(response->Body(), R"({"compressed":true})");
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(seen.rfind("POST http://api.proxied.test/graphql HTTP/1.1\r\n", 0), 0u) << seen;
+  std::string lower;
+  for (char c : seen) lower.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+  EXPECT_NE(lower.find("\r\naccept-encoding: "), std::string::npos) << seen;
 }
 
 }  // namespace

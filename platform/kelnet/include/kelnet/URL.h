@@ -34,9 +34,10 @@ struct URLParts {
   std::string fragment;  // without "#"
 };
 
-// The rule: scheme "http" or "https" (any letter case), "://", a non-empty host (a DNS name of
-// letters, digits, '-', '.', '_'; or an IPv4 or bracketed IPv6 literal), an optional port
-// 1-65535, then an optional path/query/fragment without spaces or control characters.
+// The rule: scheme "http" or "https" (any letter case), "://", optional user info ending in '@',
+// a non-empty host (a DNS name of letters, digits, '-', '.', '_' in labels of 1-63; or an IPv4 or
+// bracketed IPv6 literal), an optional port 1-65535, then an optional path/query/fragment. No
+// space or control character anywhere: they would break the request line or start a header.
 bool IsValidURL(std::string_view url);
 std::optional<URLParts> ParseURL(std::string_view url);
 
