@@ -1,9 +1,7 @@
-// URL rules, template filling, header constants and header lookup: the small pieces every
-// request depends on.
+// URL rules, template filling and header lookup: the small pieces every request depends on.
 
 #include <gtest/gtest.h>
 
-#include "kelnet/Constants.h"
 #include "kelnet/Response.h"
 #include "kelnet/URL.h"
 
@@ -49,22 +47,6 @@ TEST(URLTest, ReplaceInURL) {
   // A result that is no URL gives the empty URL rather than something half-filled.
   EXPECT_TRUE(kelnet::ReplaceInURL("https://api:domain/graphql", {{":domain", " bad"}}).empty());
   EXPECT_TRUE(kelnet::ReplaceInURL("https://api:domain/graphql", {}).empty());
-}
-
-TEST(ConstantsTest, ExactTexts) {
-  EXPECT_EQ(kelnet::kHEADER_CONTENT_TYPE.View(), "content-type");
-  EXPECT_EQ(kelnet::kHEADER_AUTHORIZATION.View(), "authorization");
-  EXPECT_EQ(kelnet::kHEADER_REFRESH_TOKEN.View(), "x-refresh-token");
-  EXPECT_EQ(kelnet::kHEADER_RETRY_AFTER.View(), "retry-after");
-  EXPECT_EQ(kelnet::kHEADER_RANGE.View(), "range");
-  EXPECT_EQ(kelnet::kHEADER_CONTENT_RANGE.View(), "content-range");
-  EXPECT_EQ(kelnet::kHEADER_IF_RANGE.View(), "if-range");
-  EXPECT_EQ(kelnet::kHEADER_CONTENT_TYPE_APPLICATION_JSON.View(), "application/json");
-  EXPECT_EQ(kelnet::kHEADER_CONTENT_TYPE_APPLICATION_JSON_UTF_8.View(), "application/json; charset=utf-8");
-  EXPECT_EQ(kelnet::kHEADER_CONTENT_TYPE_APPLICATION_VND_API_JSON.View(), "application/vnd.api+json");
-  EXPECT_EQ(kelnet::kHEADER_CONTENT_TYPE_APPLICATION_WWW_FORM_URLENCODED.View(), "application/x-www-form-urlencoded");
-  EXPECT_EQ(kelnet::kBearerTokenPrefix.View(), "Bearer ");
-  EXPECT_EQ(kelnet::kURI_SCHEME_SEPARATOR.View(), "://");
 }
 
 TEST(ResponseTest, HeaderLookupKeepsArrivalOrder) {
