@@ -33,11 +33,33 @@ std::optional<std::chrono::milliseconds> ParseRetryAfter(std::string_view value,
     if (ec != std::errc() || end != value.data() + value.size()) return std::nullopt;
     return std::chrono::milliseconds(static_cast<std::int64_t>(seconds) * 1000);
   }
-  // IMF-fixdate, the only date form servers are allowed to send.
+  // IMF-fixdate ("Sun, 06 Nov 1994 08:49:37 GMT"), the only date form servers may send. Read by
+  // hand: strptime's day and month names follow the host's locale.
+  static constexpr std::string_view kDays = "Mon,Tue,Wed,Thu,Fri,Sat,Sun,";
+  static constexpr std::string_view kMonths = "JanFebMarAprMayJunJulAugSepOctNovDec";
+  if (value.size() != 29 || value.substr(25) != " GMT" || value[4] != ' ' || value[7] != ' ' || value[11] != ' ' ||
+      value[16] != ' ' || value[19] != ':' || value[22] != ':') {
+    return std::nullopt;
+  }
+  const auto day = kDays.find(value.substr(0, 4));
+  const auto month = kMonths.find(value.substr(8, 3));
+  if (day == std::string_view::npos || day % 4 != 0 || month == std::string_view::npos || month % 3 != 0) {
+    return std::nullopt;
+  }
+  auto number = [&](std::size_t at, std::size_t length, int low, int high, int& out) {
+    const std::string_view digits = value.substr(at, length);
+    if (!std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; })) return false;
+    std::from_chars(digits.data(), digits.data() + digits.size(), out);
+    return out >= low && out <= high;
+  };
   std::tm parts{};
-  const std::string text(value);
-  const char* end = ::strptime(text.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &parts);
-  if (!end || *end != '\0') return std::nullopt;
+  if (!number(5, 2, 1, 31, parts.tm_mday) || !number(12, 4, 1970, 9999, parts.tm_year) ||
+      !number(17, 2, 0, 23, parts.tm_hour) || !number(20, 2, 0, 59, parts.tm_min) ||
+      !number(23, 2, 0, 60, parts.tm_sec)) {
+    return std::nullopt;
+  }
+  parts.tm_year -= 1900;
+  parts.tm_mon = static_cast<int>(month / 3);
   const std::time_t when = ::timegm(&parts);
   if (when == static_cast<std::time_t>(-1)) return std::nullopt;
   const auto target = std::chrono::system_clock::from_time_t(when);

@@ -163,6 +163,18 @@ TEST_F(ServiceBaseTest, RetriesStopAtTheirLimitsWithTheLastAnswer) {
   EXPECT_EQ(attempts, 3);  // waits of 187 + 375 ms fit in a second; the next 750 ms does not
 }
 
+TEST(RetryAfterTest, SecondsAndDates) {
+  using kelappsupport::cloudservice::ParseRetryAfter;
+  const auto now = std::chrono::system_clock::from_time_t(784111777);  // Sun, 06 Nov 1994 08:49:37 GMT
+  EXPECT_EQ(ParseRetryAfter(" 120 ", now), 120000ms);
+  EXPECT_EQ(ParseRetryAfter("Sun, 06 Nov 1994 08:50:07 GMT", now), 30000ms);
+  EXPECT_EQ(ParseRetryAfter("Thu, 01 Jan 1970 00:00:00 GMT", now), 0ms);
+  for (const char* bad : {"", "-5", "1.5", "soon", "Sun, 06 Nov 1994 08:50:07 UTC", "Sun, 06 Foo 1994 08:50:07 GMT",
+                          "Sun, 32 Nov 1994 08:50:07 GMT", "Sunday, 06-Nov-94 08:49:37 GMT"}) {
+    EXPECT_FALSE(ParseRetryAfter(bad, now)) << bad;
+  }
+}
+
 TEST_F(ServiceBaseTest, UnauthorizedAnswersNotifyOnAnExecutorOncePerAnswer) {
   std::mutex mutex;
   std::vector<std::pair<std::string, std::thread::id>> calls;
