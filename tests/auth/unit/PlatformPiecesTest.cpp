@@ -136,6 +136,8 @@ TEST(CommandOpener, SplitsTheCommandAndPassesTheUrlAsOneArgument) {
   EXPECT_FALSE(std::filesystem::exists(std::filesystem::current_path() / "pwned"));
 
   EXPECT_FALSE(OSUtilsWrapper::CreateCommandOpener("false")->OpenURL(url));
+  // An opener that runs the browser in the foreground has not failed by still running.
+  EXPECT_TRUE(OSUtilsWrapper::CreateCommandOpener("sh -c 'exec sleep 30' opener", std::chrono::milliseconds(50))->OpenURL(url));
   EXPECT_FALSE(OSUtilsWrapper::CreateCommandOpener("/nonexistent/opener")->OpenURL(url));
   ScopedEnvironment environment{{"OSTRIOLIB_BROWSER", "sh -c 'printf %s \"$1\" > " + seen.string() + "2' x"}};
   EXPECT_TRUE(OSUtilsWrapper::GetOSUtilsWrapper()->OpenURL(url));

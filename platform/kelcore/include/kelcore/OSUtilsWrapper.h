@@ -22,6 +22,11 @@ class IOSUtilsWrapper : public classref::Unknown {
   virtual bool OpenURL(const std::string& url) = 0;
 };
 
+// How long an open waits for the opener's verdict. Openers that hand the URL to a running desktop
+// answer well within it; one that runs the browser in the foreground is taken as started once
+// it is up. The caller (often a UI thread signing in) blocks for at most this long.
+inline constexpr std::chrono::milliseconds kDefaultOpenerExitWait{3000};
+
 class OSUtilsWrapper {
  public:
   // Opens URLs with the command in the debug-database entry "ostriolib.browser" if set, else with
@@ -32,7 +37,7 @@ class OSUtilsWrapper {
   // Started directly (no shell), so the URL never meets shell syntax. `exitWait` bounds how long
   // an open waits for the opener's exit status.
   static classref::InterfaceRef<IOSUtilsWrapper> CreateCommandOpener(
-      std::string command, std::chrono::milliseconds exitWait = std::chrono::seconds(10));
+      std::string command, std::chrono::milliseconds exitWait = kDefaultOpenerExitWait);
   // The words `command` runs for `url` (the rule above); empty when the command is empty or its
   // quotes do not close.
   static std::vector<std::string> CommandLineFor(std::string_view command, std::string_view url);

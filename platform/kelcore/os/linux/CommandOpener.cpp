@@ -1,16 +1,18 @@
 // Opens URLs by starting the user's opener (xdg-open or "ostriolib.browser") without a shell.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <condition_variable>
-#include <memory>
+#include <chrono>
 #include <mutex>
-#include <thread>
+#include <vector>
 
 #include "kelcore/Configuration.h"
 #include "kelcore/Logging.h"
@@ -25,13 +27,56 @@ void TraceFailure(std::string_view text) {
   if (logging::IsTraceEnabled("kelcore", 2)) logging::Trace("kelcore", 2, text);
 }
 
-struct ExitWatch {
-  std::mutex mutex;
-  std::condition_variable exited;
-  bool done = false;
-  int status = 0;
-  bool known = true;  // false when the exit status could not be collected (SIGCHLD ignored)
+// Openers still running when we stopped waiting for them. Nobody waits on them in the background
+// (a thread of ours could outlive the library's unloading); each later open collects the ones
+// that have exited since, so at most a few zombies wait for the next sign-in.
+class Stragglers {
+ public:
+  static Stragglers& Instance() {
+    static auto* instance = new Stragglers;  // never destroyed: reached from any thread at exit
+    return *instance;
+  }
+
+  void Add(pid_t pid) {
+    std::lock_guard lock(mutex_);
+    pids_.push_back(pid);
+  }
+
+  void Reap() {
+    std::lock_guard lock(mutex_);
+    std::erase_if(pids_, [](pid_t pid) {
+      int status = 0;
+      return ::waitpid(pid, &status, WNOHANG) != 0;  // exited and collected, or not ours any more
+    });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<pid_t> pids_;
 };
+
+// Waits at most `wait` for the child to exit, without a thread: its pidfd becomes readable when it
+// does. Returns waitpid's answer: pid (exited, status set), 0 (still running) or -1 (not ours to
+// collect, e.g. the host ignores SIGCHLD).
+pid_t AwaitExit(pid_t pid, std::chrono::milliseconds wait, int& status) {
+  // The raw call: glibc 2.36's <sys/pidfd.h> declares pidfd_open without C linkage.
+  const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+  if (pidfd >= 0) {
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    for (;;) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      pollfd exited{pidfd, POLLIN, 0};
+      const int ready = ::poll(&exited, 1, static_cast<int>(std::max<std::chrono::milliseconds::rep>(left.count(), 0)));
+      if (ready >= 0 || errno != EINTR) break;
+    }
+    ::close(pidfd);
+  }
+  pid_t got;
+  do {
+    got = ::waitpid(pid, &status, WNOHANG);
+  } while (got < 0 && errno == EINTR);
+  return got;
+}
 
 // Starts argv[0] with the arguments; the child gets /dev/null for its standard streams (a browser
 // that outlives us must not hold our pipes open) and a session of its own (the host's Ctrl-C must
@@ -70,33 +115,21 @@ bool OpenWith(const std::string& command, const std::string& url, std::chrono::m
     TraceFailure("Cannot open the URL: the browser command is empty or badly quoted");
     return false;
   }
+  Stragglers::Instance().Reap();
   const pid_t pid = Spawn(words);
   if (pid < 0) {
     TraceFailure("Cannot open the URL: cannot start \"" + words.front() + "\"");
     return false;
   }
-  // A reaper thread owns the child: it collects the exit status whether or not we are still
-  // waiting, so a slow opener never becomes a zombie.
-  auto watch = std::make_shared<ExitWatch>();
-  std::thread([pid, watch] {
-    int status = 0;
-    pid_t got;
-    do {
-      got = ::waitpid(pid, &status, 0);
-    } while (got < 0 && errno == EINTR);
-    {
-      std::lock_guard lock(watch->mutex);
-      watch->done = true;
-      watch->status = status;
-      watch->known = got == pid;
-    }
-    watch->exited.notify_all();
-  }).detach();
-
-  std::unique_lock lock(watch->mutex);
-  if (!watch->exited.wait_for(lock, exitWait, [&] { return watch->done; })) return true;  // still running: started
-  if (!watch->known) return true;
-  if (WIFEXITED(watch->status) && WEXITSTATUS(watch->status) == 0) return true;
+  int status = 0;
+  const pid_t got = AwaitExit(pid, exitWait, status);
+  if (got == 0) {
+    // Still running: started. Some openers run the browser itself in the foreground.
+    Stragglers::Instance().Add(pid);
+    return true;
+  }
+  if (got != pid) return true;  // exit status not ours to know
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
   TraceFailure("Cannot open the URL: \"" + words.front() + "\" reported a failure");
   return false;
 }
@@ -134,7 +167,7 @@ class CommandOpener final : public IOSUtilsWrapper {
 
 classref::InterfaceRef<IOSUtilsWrapper> OSUtilsWrapper::GetOSUtilsWrapper() {
   return classref::InterfaceRef<IOSUtilsWrapper>(
-      classref::AllocateClassInstance<CommandOpener>(std::string(), std::chrono::seconds(10)));
+      classref::AllocateClassInstance<CommandOpener>(std::string(), kDefaultOpenerExitWait));
 }
 
 classref::InterfaceRef<IOSUtilsWrapper> OSUtilsWrapper::CreateCommandOpener(std::string command,
