@@ -26,7 +26,7 @@ std::string Std8ToUTF8String(std::string_view text);
 
 // Lower-cases UTF-8 text: ASCII, Latin-1, Latin Extended-A, Greek and Cyrillic capitals.
 std::string ToLowerUTF8(std::string_view text);
-// ASCII-only upper-casing, the rule the callback URL comparison uses.
+// ASCII-only upper-casing: protocol tokens, whatever the host's locale.
 std::string ToUpperASCII(std::string_view text);
 
 // Base64 (standard or URL-safe alphabet, padding optional). Garbage gives an empty result.
