@@ -117,6 +117,7 @@ TEST(HttpWireTest, PostAnswersThatBreakTheProtocolFailWithoutLeakingTheUrl) {
     if (request.find("/garbage/") != std::string::npos) return "SSH-2.0-OpenSSH\r\n\r\n";
     if (request.find("/status/") != std::string::npos) return "HTTP/1.1 2x0 OK\r\ncontent-length: 0\r\n\r\n";
     if (request.find("/short/") != std::string::npos) return "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\n{\"data\":";
+    if (request.find("/long/") != std::string::npos) return "HTTP/1.1 200 OK\r\ncontent-length: 2\r\n\r\n{}{\"more\":1}";
     // Names in any case with stray blanks, a folded line, repeats in order, and a body with a NUL.
     static const char kTidy[] =
         "HTTP/1.1 200 Fine\r\nCoNtEnT-TyPe:   application/json \t\r\nX-Repeat: one\r\nx-note: first\r\n  second\r\n"
@@ -128,6 +129,11 @@ TEST(HttpWireTest, PostAnswersThatBreakTheProtocolFailWithoutLeakingTheUrl) {
   for (const char* kind : {"/garbage", "/status", "/short"}) {
     EXPECT_FALSE(Post(server.Url(kind + secret))) << kind;
   }
+  // Bytes past the announced length are not part of the answer.
+  auto longer = Post(server.Url("/long" + secret));
+  ASSERT_TRUE(longer);
+  EXPECT_EQ(longer->Body(), "{}");
+
   auto response = Post(server.Url("/tidy" + secret));
   ASSERT_TRUE(response);
   EXPECT_EQ(response->StatusCode(), 200);
