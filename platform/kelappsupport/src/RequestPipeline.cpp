@@ -150,10 +150,10 @@ void RequestPipeline::ReleaseLocked(const std::string& hostKey) {
   if (it != inFlightPerHost_.end() && --it->second <= 0) inFlightPerHost_.erase(it);
 }
 
-std::shared_ptr<Exchange> RequestPipeline::Start(ExchangeSpec spec, ExchangeDone done) {
+std::shared_ptr<Exchange> RequestPipeline::Start(ExchangePlan plan, ExchangeDone done) {
   auto exchange = std::make_shared<Exchange>();
-  exchange->hostKey = HostKey(spec.url);
-  exchange->spec = std::move(spec);
+  exchange->hostKey = HostKey(plan.url);
+  exchange->plan = std::move(plan);
   exchange->done = std::move(done);
   bool launchNow = false;
   {
@@ -184,7 +184,7 @@ std::shared_ptr<Exchange> RequestPipeline::Start(ExchangeSpec spec, ExchangeDone
 }
 
 bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
-  kelnet::HeaderMap headers = exchange->spec.headers;
+  kelnet::HeaderMap headers = exchange->plan.headers;
   kelcore::utility::Guid attemptId;
   std::shared_ptr<ITransport> transport;
   {
@@ -192,7 +192,7 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
     attemptId = exchange->attemptId;
     transport = transport_;
     // Read per attempt: a retry goes out with the token set since the first attempt.
-    if (exchange->spec.authorize && !tokenHeader_.empty() && !tokenValue_.empty()) {
+    if (exchange->plan.authorize && !tokenHeader_.empty() && !tokenValue_.empty()) {
       for (auto it = headers.begin(); it != headers.end();) {
         it = SameHeaderName(it->first.View(), tokenHeader_.View()) ? headers.erase(it) : std::next(it);
       }
@@ -203,9 +203,9 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
   auto completion = [self, exchange](const kelcore::utility::Guid&, const std::shared_ptr<kelnet::Response>& response) {
     self->OnAttemptDone(exchange, response);
   };
-  if (!exchange->spec.streaming) {
-    return transport->Post(attemptId, std::move(completion), exchange->spec.url, exchange->spec.body, headers,
-                           exchange->spec.configuration);
+  if (!exchange->plan.streaming) {
+    return transport->Post(attemptId, std::move(completion), exchange->plan.url, exchange->plan.body, headers,
+                           exchange->plan.configuration);
   }
   // The exchange is owned through the completion; the data callback only needs to see it.
   std::weak_ptr<Exchange> weak = exchange;
@@ -214,10 +214,10 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
     auto strong = weak.lock();
     if (!strong) return;
     strong->delivered = true;
-    strong->spec.onData(id, data, offset, size, progress, responseHeaders);
+    strong->plan.onData(id, data, offset, size, progress, responseHeaders);
   };
-  return transport->StreamingGet(attemptId, std::move(onData), std::move(completion), exchange->spec.url, headers,
-                                 exchange->spec.configuration);
+  return transport->StreamingGet(attemptId, std::move(onData), std::move(completion), exchange->plan.url, headers,
+                                 exchange->plan.configuration);
 }
 
 void RequestPipeline::OnAttemptDone(const std::shared_ptr<Exchange>& exchange,

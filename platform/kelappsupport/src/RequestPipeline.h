@@ -29,7 +29,7 @@ using Clock = std::chrono::steady_clock;
 // body bytes to the data callback (a streaming attempt that did cannot simply be repeated).
 using ExchangeDone = std::function<void(const std::shared_ptr<kelnet::Response>& response, bool deliveredData)>;
 
-struct ExchangeSpec {
+struct ExchangePlan {
   kelcore::ImmutableString url;
   kelnet::HeaderMap headers;  // everything but the authorization header
   std::shared_ptr<const kelcore::allocator::RecycledMemory> body;
@@ -43,7 +43,7 @@ class Exchange {
  public:
   enum class State { Queued, InFlight, Waiting, Done };
 
-  ExchangeSpec spec;
+  ExchangePlan plan;
   std::string hostKey;
   ExchangeDone done;
   std::atomic<bool> delivered{false};
@@ -76,7 +76,7 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
   std::shared_ptr<IRetryScheduler> GetScheduler();
 
   // Starts the exchange or queues it. Null when it was refused at once; done is then never called.
-  std::shared_ptr<Exchange> Start(ExchangeSpec spec, ExchangeDone done);
+  std::shared_ptr<Exchange> Start(ExchangePlan plan, ExchangeDone done);
   // Ends the exchange with a null response without further attempts, whatever its state.
   void Cancel(const std::shared_ptr<Exchange>& exchange);
 

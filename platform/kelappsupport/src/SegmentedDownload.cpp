@@ -73,12 +73,12 @@ bool SegmentedDownload::Start() {
 }
 
 bool SegmentedDownload::Launch(const PiecePtr& piece) {
-  ExchangeSpec spec;
-  spec.url = request_.url;
-  spec.headers = request_.headers;
-  spec.configuration = request_.configuration;
-  spec.authorize = request_.authorize;
-  spec.streaming = true;
+  ExchangePlan plan;
+  plan.url = request_.url;
+  plan.headers = request_.headers;
+  plan.configuration = request_.configuration;
+  plan.authorize = request_.authorize;
+  plan.streaming = true;
   {
     std::lock_guard lock(mutex_);
     piece->answerSeen = false;
@@ -86,18 +86,18 @@ bool SegmentedDownload::Launch(const PiecePtr& piece) {
     if (!piece->whole) {
       std::string range = "bytes=" + std::to_string(piece->next) + "-";
       if (piece->end != kOpenEnd) range += std::to_string(piece->end - 1);
-      spec.headers.emplace(kelnet::kHEADER_RANGE, kelcore::ImmutableString(range));
-      if (!validator_.empty()) spec.headers.emplace(kelnet::kHEADER_IF_RANGE, validator_);
+      plan.headers.emplace(kelnet::kHEADER_RANGE, kelcore::ImmutableString(range));
+      if (!validator_.empty()) plan.headers.emplace(kelnet::kHEADER_IF_RANGE, validator_);
     }
-    if (mode_ == Mode::Segmented && policy_.separateConnections) spec.configuration.allowHttp2 = false;
+    if (mode_ == Mode::Segmented && policy_.separateConnections) plan.configuration.allowHttp2 = false;
   }
   auto self = shared_from_this();
-  spec.onData = [self, piece](const kelcore::utility::Guid& attemptId, const void* data, std::size_t offset,
+  plan.onData = [self, piece](const kelcore::utility::Guid& attemptId, const void* data, std::size_t offset,
                               std::size_t size, const kelnet::Progress& progress, const kelnet::HeaderMap& headers) {
     self->OnData(piece, attemptId, data, offset, size, progress, headers);
   };
-  auto exchange = pipeline_->Start(std::move(spec), [self, piece](const std::shared_ptr<kelnet::Response>& response,
-                                                                  bool) { self->OnDone(piece, response); });
+  auto exchange = pipeline_->Start(std::move(plan), [self, piece](const std::shared_ptr<kelnet::Response>& response,
+                                                                 bool) { self->OnDone(piece, response); });
   if (!exchange) return false;
   std::lock_guard lock(mutex_);
   piece->exchange = std::move(exchange);

@@ -105,15 +105,15 @@ int ServiceBase::HttpPost(const kelcore::utility::Guid& requestId, kelnet::Compl
                           const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration,
                           bool authorize) {
   if (!completion || !kelnet::IsValidURL(url.View())) return kelcore::kErrorInvalidArgument;
-  detail::ExchangeSpec spec;
-  spec.url = url;
-  spec.headers = BuildHeaders(headers);
-  spec.body = std::move(body);
-  spec.configuration = configuration;
-  spec.authorize = authorize;
+  detail::ExchangePlan plan;
+  plan.url = url;
+  plan.headers = BuildHeaders(headers);
+  plan.body = std::move(body);
+  plan.configuration = configuration;
+  plan.authorize = authorize;
   auto done = [requestId, completion = std::move(completion)](const std::shared_ptr<kelnet::Response>& response,
                                                               bool) { completion(requestId, response); };
-  return pipeline_->Start(std::move(spec), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
+  return pipeline_->Start(std::move(plan), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
 }
 
 int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelnet::DataCallback onData,
@@ -124,13 +124,13 @@ int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelne
   kelnet::HeaderMap all = BuildHeaders(headers);
   if (HasHeader(all, kelnet::kHEADER_RANGE.View())) {
     // The caller wants a particular range: theirs to interpret, so it goes out as asked.
-    detail::ExchangeSpec spec;
-    spec.url = url;
-    spec.headers = std::move(all);
-    spec.configuration = configuration;
-    spec.authorize = authorize;
-    spec.streaming = true;
-    spec.onData = [requestId, onData = std::move(onData)](const kelcore::utility::Guid&, const void* data,
+    detail::ExchangePlan plan;
+    plan.url = url;
+    plan.headers = std::move(all);
+    plan.configuration = configuration;
+    plan.authorize = authorize;
+    plan.streaming = true;
+    plan.onData = [requestId, onData = std::move(onData)](const kelcore::utility::Guid&, const void* data,
                                                            std::size_t offset, std::size_t size,
                                                            const kelnet::Progress& progress,
                                                            const kelnet::HeaderMap& responseHeaders) {
@@ -138,7 +138,7 @@ int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelne
     };
     auto done = [requestId, completion = std::move(completion)](const std::shared_ptr<kelnet::Response>& response,
                                                                 bool) { completion(requestId, response); };
-    return pipeline_->Start(std::move(spec), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
+    return pipeline_->Start(std::move(plan), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
   }
   detail::SegmentedDownload::Request request;
   request.requestId = requestId;

@@ -114,10 +114,11 @@ std::shared_ptr<kelnet::Response> Post(const std::string& url, const std::string
 
 TEST(HttpWireTest, PostAnswersThatBreakTheProtocolFailWithoutLeakingTheUrl) {
   ScriptedServer server([](const std::string& request) -> std::string {
-    if (request.find("/garbage/") != std::string::npos) return "SSH-2.0-OpenSSH\r\n\r\n";
-    if (request.find("/status/") != std::string::npos) return "HTTP/1.1 2x0 OK\r\ncontent-length: 0\r\n\r\n";
-    if (request.find("/short/") != std::string::npos) return "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\n{\"data\":";
-    if (request.find("/long/") != std::string::npos) return "HTTP/1.1 200 OK\r\ncontent-length: 2\r\n\r\n{}{\"more\":1}";
+    auto asked = [&](const char* path) { return request.find(path) != std::string::npos; };
+    if (asked("/garbage/")) return "SSH-2.0-OpenSSH\r\n\r\n";
+    if (asked("/status/")) return "HTTP/1.1 2x0 OK\r\ncontent-length: 0\r\n\r\n";
+    if (asked("/short/")) return "HTTP/1.1 200 OK\r\ncontent-length: 100\r\n\r\n{\"data\":";
+    if (asked("/long/")) return "HTTP/1.1 200 OK\r\ncontent-length: 2\r\n\r\n{}{\"more\":1}";
     // Names in any case with stray blanks, a folded line, repeats in order, and a body with a NUL.
     static const char kTidy[] =
         "HTTP/1.1 200 Fine\r\nCoNtEnT-TyPe:   application/json \t\r\nX-Repeat: one\r\nx-note: first\r\n  second\r\n"
@@ -177,13 +178,12 @@ Streamed Get(const std::string& url) {
 TEST(HttpWireTest, PartialAnswersThatDoNotAddUpNeverPlaceBytes) {
   // Bodies end with the connection (no length), so only the Content-Range says how long they are.
   ScriptedServer server([](const std::string& request) -> std::string {
+    auto asked = [&](const char* path) { return request.find(path) != std::string::npos; };
     const std::string head = "HTTP/1.1 206 Partial Content\r\nConnection: close\r\n";
-    if (request.find("/no-range") != std::string::npos) return head + "\r\n0123456789";
-    if (request.find("/unreadable") != std::string::npos) return head + "Content-Range: bytes ten-19/*\r\n\r\n0123456789";
-    if (request.find("/backwards") != std::string::npos) return head + "Content-Range: bytes 19-10/100\r\n\r\n0123456789";
-    if (request.find("/too-long") != std::string::npos) {
-      return head + "Content-Range: bytes 10-19/100\r\n\r\n0123456789ABCDEFGHIJ";
-    }
+    if (asked("/no-range")) return head + "\r\n0123456789";
+    if (asked("/unreadable")) return head + "Content-Range: bytes ten-19/*\r\n\r\n0123456789";
+    if (asked("/backwards")) return head + "Content-Range: bytes 19-10/100\r\n\r\n0123456789";
+    if (asked("/too-long")) return head + "Content-Range: bytes 10-19/100\r\n\r\n0123456789ABCDEFGHIJ";
     return head + "content-range:  bytes 10-19/100 \r\n\r\n0123456789";
   });
   for (const char* path : {"/no-range", "/unreadable", "/backwards"}) {
