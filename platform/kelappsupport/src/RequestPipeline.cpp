@@ -18,6 +18,25 @@ std::string HostKey(const kelcore::ImmutableString& url) {
   return parts->scheme + "://" + parts->host + ":" + std::to_string(port);
 }
 
+bool IsLoopbackHost(std::string_view host) {
+  return host == "localhost" || host.ends_with(".localhost") || host.starts_with("127.") || host == "::1";
+}
+
+// Whether our token may go to this URL: never in clear text, except to this machine (the
+// emulator's plain-HTTP mode); and once the service has named its hosts, only to those (a media
+// URL may point at a third party's CDN).
+bool MayCarryToken(std::string_view url, const std::vector<std::string>& authorizedHosts) {
+  const auto parts = kelnet::ParseURL(url);
+  if (!parts) return false;
+  if (parts->scheme != "https" && !IsLoopbackHost(parts->host)) return false;
+  if (authorizedHosts.empty()) return true;
+  return std::any_of(authorizedHosts.begin(), authorizedHosts.end(), [&](const std::string& domain) {
+    return parts->host == domain ||
+           (parts->host.size() > domain.size() && parts->host.ends_with(domain) &&
+            parts->host[parts->host.size() - domain.size() - 1] == '.');
+  });
+}
+
 void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
   if (!kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Warning)) return;
   kelcore::logging::Record record;
@@ -106,6 +125,11 @@ void RequestPipeline::SetAuthToken(const kelcore::ImmutableString& value, const 
   tokenHeader_ = headerName;
 }
 
+void RequestPipeline::SetAuthorizedHosts(std::vector<std::string> hostSuffixes) {
+  std::lock_guard lock(mutex_);
+  authorizedHosts_ = std::move(hostSuffixes);
+}
+
 void RequestPipeline::SetTransport(std::shared_ptr<ITransport> transport) {
   std::lock_guard lock(mutex_);
   transport_ = transport ? std::move(transport) : GetDefaultTransport();
@@ -192,7 +216,8 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
     attemptId = exchange->attemptId;
     transport = transport_;
     // Read per attempt: a retry goes out with the token set since the first attempt.
-    if (exchange->plan.authorize && !tokenHeader_.empty() && !tokenValue_.empty()) {
+    if (exchange->plan.authorize && !tokenHeader_.empty() && !tokenValue_.empty() &&
+        MayCarryToken(exchange->plan.url.View(), authorizedHosts_)) {
       for (auto it = headers.begin(); it != headers.end();) {
         it = SameHeaderName(it->first.View(), tokenHeader_.View()) ? headers.erase(it) : std::next(it);
       }

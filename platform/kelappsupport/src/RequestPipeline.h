@@ -70,6 +70,7 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
                         std::function<void(const kelcore::ImmutableString&)> onUnauthenticated,
                         int onConnectivityError);
   void SetAuthToken(const kelcore::ImmutableString& value, const kelcore::ImmutableString& headerName);
+  void SetAuthorizedHosts(std::vector<std::string> hostSuffixes);
   void SetTransport(std::shared_ptr<ITransport> transport);
   void SetScheduler(std::shared_ptr<IRetryScheduler> scheduler);
   std::shared_ptr<ITransport> GetTransport();
@@ -107,6 +108,7 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
   int onConnectivityError_ = 0;
   kelcore::ImmutableString tokenValue_;
   kelcore::ImmutableString tokenHeader_;
+  std::vector<std::string> authorizedHosts_;  // bare domains, lower-case; empty: every host
 
   std::shared_ptr<ITransport> transport_;
   std::shared_ptr<IRetryScheduler> scheduler_;

@@ -1,6 +1,7 @@
 #include "kelappsupport/ServiceBase.h"
 
 #include <algorithm>
+#include <cctype>
 
 #include "RequestPipeline.h"
 #include "SegmentedDownload.h"
@@ -68,6 +69,20 @@ int ServiceBase::ConfigureDownloads(const DownloadPolicy& policy) {
     return kelcore::kErrorInvalidArgument;
   }
   pipeline_->SetDownloadPolicy(policy);
+  return kelcore::kResultOK;
+}
+
+int ServiceBase::ConfigureAuthorizedHosts(const std::vector<std::string>& domains) {
+  std::vector<std::string> bare;
+  for (std::string domain : domains) {
+    if (domain.starts_with('.')) domain.erase(0, 1);
+    if (const auto colon = domain.find(':'); colon != std::string::npos) domain.erase(colon);
+    std::transform(domain.begin(), domain.end(), domain.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (domain.empty()) return kelcore::kErrorInvalidArgument;
+    bare.push_back(std::move(domain));
+  }
+  pipeline_->SetAuthorizedHosts(std::move(bare));
   return kelcore::kResultOK;
 }
 

@@ -240,6 +240,28 @@ TEST_F(ServiceBaseTest, HeadersOfEachAttempt) {
   EXPECT_LT(service.SetAuthToken("Bearer a\r\nx-evil: 1", kelnet::kHEADER_AUTHORIZATION), 0);
 }
 
+TEST_F(ServiceBaseTest, TheTokenGoesOnlyWhereItIsMeantTo) {
+  service.SetAuthToken("Bearer t", kelnet::kHEADER_AUTHORIZATION);
+  auto tokenSentTo = [&](const char* url) {
+    service.HttpPost(Guid::CreateUnique(), [](auto&, auto&) {}, url, nullptr, {}, {}, true);
+    auto request = transport->Take();
+    transport->Answer(request, 200);
+    return !request->Header("authorization").empty();
+  };
+  EXPECT_TRUE(tokenSentTo("https://cdn.elsewhere.test/a"));  // no hosts named yet
+  EXPECT_FALSE(tokenSentTo("http://api.example.test/graphql"));
+  EXPECT_TRUE(tokenSentTo("http://127.0.0.1:8443/graphql"));
+  EXPECT_TRUE(tokenSentTo("http://api.ostrio.localhost:8443/graphql"));
+
+  ASSERT_EQ(service.ConfigureAuthorizedHosts({".Example.test:8443"}), 0);
+  EXPECT_TRUE(tokenSentTo("https://api.example.test/graphql"));
+  EXPECT_TRUE(tokenSentTo("https://example.test/"));
+  EXPECT_FALSE(tokenSentTo("https://cdn.elsewhere.test/a"));
+  EXPECT_FALSE(tokenSentTo("https://badexample.test/"));
+  EXPECT_FALSE(tokenSentTo("https://example.test.evil.test/"));
+  EXPECT_LT(service.ConfigureAuthorizedHosts({"."}), 0);
+}
+
 TEST_F(ServiceBaseTest, RefusedRequestsReportAtOnceAndNeverComplete) {
   Outcome outcome;
   EXPECT_LT(Post(outcome, "not a url"), 0);

@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -59,6 +60,12 @@ class ServiceBase : public virtual IService {
                                          int onConnectivityError);
 
   int ConfigureDownloads(const DownloadPolicy& policy);
+  // Where the token set by SetAuthToken may go. It never goes over plain http, except to this
+  // machine (localhost, *.localhost, 127.0.0.0/8, ::1). With domains named here ("ostrio.io",
+  // ".ostrio.io" or ".ostrio.localhost:8443": a leading dot and a port are ignored) it goes only to
+  // those hosts and their subdomains; until then to every https host. Other requests still go out,
+  // without the token.
+  int ConfigureAuthorizedHosts(const std::vector<std::string>& domains);
 
   // Seams for tests; the defaults are kelnet's.
   void SetTransport(std::shared_ptr<ITransport> transport);
