@@ -1,8 +1,14 @@
 // The network thread: one libcurl multi handle, driven by curl_multi_poll. Callers prepare an
 // easy handle on their own thread and hand it over through a locked queue; the network thread
-// adds it, drives every transfer, and runs completions and data callbacks. One thread keeps
-// connection reuse and HTTP/2 multiplexing in one place and means no lock is taken while curl
-// works.
+// adds it, drives every transfer, and runs the completions of POSTs. One thread keeps connection
+// reuse and HTTP/2 multiplexing in one place and means no lock is taken while curl works.
+//
+// The bytes of a streaming GET go to its data callback on a second thread, the delivery thread:
+// the consumer writes them to disk, and a slow disk must neither stall the other transfers nor
+// keep this transfer from receiving while the last chunk is written. The network thread copies
+// what curl hands it into the transfer's queue and pauses the transfer once the queue holds
+// kHighWater bytes; the delivery thread asks for it to be resumed when the queue has drained to
+// kLowWater. The network thread never waits for the delivery thread.
 
 #include <curl/curl.h>
 #include <sys/stat.h>
@@ -13,6 +19,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -38,6 +45,18 @@ constexpr std::size_t kMaxErrorBody = 1024 * 1024;
 constexpr std::size_t kMaxPooledHandles = 64;
 constexpr std::size_t kDefaultStreamingBuffer = 128 * 1024;
 constexpr long kMaxPollMilliseconds = 1000;
+
+// Per streaming transfer. 4 MiB is about 10 ms of a fast loopback stream: enough to ride out a
+// stall of the consumer's disk (page allocation, writeback) without pausing, and eight segments
+// queue no more than 32 MiB even when the consumer stops altogether. Resuming at a quarter leaves
+// the consumer 3 MiB of work while the first bytes after the pause come in.
+constexpr std::size_t kHighWater = 4 * 1024 * 1024;
+constexpr std::size_t kLowWater = kHighWater / 4;
+// curl hands over at most 16 KiB at a time; the consumer gets them joined up to this size, so a
+// disk write costs one call per 256 KiB rather than per TLS record.
+constexpr std::size_t kChunkBytes = 256 * 1024;
+// Chunk buffers kept for reuse: a fresh buffer costs a page fault per 4 KiB on first touch.
+constexpr std::size_t kMaxSpareChunks = 8;
 
 void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
   if (!kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Warning)) return;
@@ -188,11 +207,44 @@ class CaBundleCache {
   std::string systemBundle_;
 };
 
+struct Request;
+
+struct Chunk {
+  std::unique_ptr<char[]> data;
+  std::size_t capacity = 0;
+  std::size_t size = 0;
+  std::uint64_t offset = 0;
+  Progress progress;
+  std::shared_ptr<const HeaderMap> headers;
+};
+
+// What the delivery thread knows of one streaming transfer. The flags and queue are guarded by
+// Transport::deliveryMutex_; onData is the delivery thread's alone once the transfer is handed
+// over, and request is the network thread's alone (null once the transfer finished there).
+struct Stream {
+  Guid id;
+  DataCallback onData;
+  Request* request = nullptr;
+
+  std::deque<Chunk> chunks;
+  std::size_t queued = 0;     // bytes in chunks
+  bool scheduled = false;     // in the delivery thread's ready queue
+  bool paused = false;        // receiving paused because the queue was full
+  bool resumeAsked = false;   // waiting in the network thread's attention list for a resume
+  bool cancelled = false;     // nothing more is delivered; completes with a null response
+  bool failed = false;        // onData threw; the same
+  bool done = false;          // the transfer finished; completion and response are set
+  bool completed = false;
+  Completion completion;
+  std::shared_ptr<Response> response;
+};
+
 struct Request {
   Guid id;
   bool streaming = false;
   Completion completion;
-  DataCallback onData;
+  std::shared_ptr<Stream> stream;  // streaming requests only
+  std::shared_ptr<const HeaderMap> answerHeaders;  // of the answer being delivered
   std::shared_ptr<const kelcore::allocator::RecycledMemory> body;
   std::shared_ptr<const std::string> caBundle;
   curl_slist* requestHeaders = nullptr;
@@ -202,6 +254,7 @@ struct Request {
   std::string query;
   std::string userInfo;
   bool cancelled = false;  // network thread only
+  bool ending = false;     // in Finish: what curl still hands over is never paused again
   bool retried = false;
 
   int status = 0;
@@ -266,7 +319,15 @@ class Transport {
  private:
   bool StartThreadLocked();
   void WakeLocked();
+  void WakeNetwork();
   void Run();
+  void Deliver();
+  bool Enqueue(Request& request, const char* data, std::size_t size);
+  void HandOver(std::unique_ptr<Request> request, Completion completion, std::shared_ptr<Response> response);
+  void AttendStreams();
+  void FlushDelivery();
+  void DropChunksLocked(Stream& stream);
+  void RecycleLocked(Chunk& chunk);
   void Finish(std::unique_ptr<Request> request, CURLcode code);
   void CancelActive(const Guid& id);
   static bool ShouldRetryUnanswered(Request& request, CURLcode code);
@@ -283,7 +344,9 @@ class Transport {
   bool wakePending_ = false;
   CURLM* multi_ = nullptr;
   std::thread thread_;
+  std::thread deliveryThread_;
   std::atomic<std::thread::id> threadId_{};
+  std::atomic<std::thread::id> deliveryThreadId_{};
   std::vector<std::unique_ptr<Request>> incoming_;
   std::vector<Guid> cancels_;
   std::multimap<Clock::time_point, std::function<void()>> timers_;
@@ -294,6 +357,17 @@ class Transport {
   std::vector<CURL*> pool_;
 
   CaBundleCache caBundles_;
+
+  // Never held across a call into curl or a callback, and never together with mutex_.
+  std::mutex deliveryMutex_;
+  std::condition_variable deliveryReady_;
+  bool deliveryStop_ = false;
+  bool deliveryWaiting_ = false;
+  bool wakeDeliveryLater_ = false;
+  std::deque<std::shared_ptr<Stream>> ready_;      // streams with a chunk or their completion due
+  std::vector<std::shared_ptr<Stream>> attention_;  // to resume, or to end because onData threw
+  std::vector<std::shared_ptr<Stream>> live_;       // handed to curl and not yet completed
+  std::vector<std::unique_ptr<char[]>> spare_;
 
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
@@ -333,7 +407,12 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   auto request = std::make_unique<Request>();
   request->id = id;
   request->streaming = streaming;
-  request->onData = std::move(onData);
+  if (streaming) {
+    request->stream = std::make_shared<Stream>();
+    request->stream->id = id;
+    request->stream->onData = std::move(onData);
+    request->stream->request = request.get();
+  }
   request->completion = std::move(completion);
   request->body = std::move(body);
   request->host = parts->host;
@@ -442,18 +521,38 @@ bool Transport::StartThreadLocked() {
   if (!multi_) return false;
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
   threadStarted_ = true;
+  // The delivery thread first: the network thread may hand it a transfer at once.
+  deliveryThread_ = std::thread([this] { Deliver(); });
+  deliveryThreadId_ = deliveryThread_.get_id();
   thread_ = std::thread([this] { Run(); });
   threadId_ = thread_.get_id();
   return true;
 }
 
 void Transport::WakeLocked() {
-  if (wakePending_ || !multi_ || threadExited_) return;
+  // multi_ is cleared without the lock once the thread has exited: look at it only before.
+  if (wakePending_ || threadExited_ || !multi_) return;
   wakePending_ = true;
   curl_multi_wakeup(multi_);
 }
 
+void Transport::WakeNetwork() {
+  std::lock_guard lock(mutex_);
+  WakeLocked();
+}
+
 void Transport::Cancel(const Guid& id) {
+  {
+    // Whatever is queued for the consumer goes now, wherever Cancel is called from: from a data
+    // callback no further chunk of the request may arrive.
+    std::lock_guard lock(deliveryMutex_);
+    for (auto& stream : live_) {
+      if (stream->id == id && !stream->cancelled) {
+        stream->cancelled = true;
+        DropChunksLocked(*stream);
+      }
+    }
+  }
   if (std::this_thread::get_id() == threadId_) {
     // From a callback of ours: stop delivery now, not after the current round of transfers.
     for (auto& [easy, request] : active_) {
@@ -480,9 +579,12 @@ void Transport::Shutdown() {
     shutdown_ = true;
     WakeLocked();
   }
-  if (std::this_thread::get_id() == threadId_) return;  // the loop ends after this callback
+  // The loops end after this callback; a later call (at the latest the one at exit) joins them.
+  const auto self = std::this_thread::get_id();
+  if (self == threadId_ || self == deliveryThreadId_) return;
   std::lock_guard join(joinMutex_);
   if (thread_.joinable()) thread_.join();
+  if (deliveryThread_.joinable()) deliveryThread_.join();
 }
 
 // An HTTP/2 connection the server shut down (GOAWAY) fails the streams it never took up: with
@@ -510,6 +612,23 @@ void Transport::CancelActive(const Guid& id) {
 }
 
 void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
+  if (request->stream) {
+    bool paused = false;
+    {
+      std::lock_guard lock(deliveryMutex_);
+      if (request->stream->failed) request->callbackFailed = true;
+      if (request->stream->cancelled) request->cancelled = true;
+      paused = request->stream->paused;
+      request->stream->paused = false;
+    }
+    if (paused) {
+      // What curl holds for a paused transfer is freed only when it is handed on, not when the
+      // handle is removed or reset. Bytes of a transfer that ended well are queued; those of a
+      // cancelled one OnWrite refuses.
+      request->ending = true;
+      curl_easy_pause(request->easy, CURLPAUSE_CONT);
+    }
+  }
   curl_multi_remove_handle(multi_, request->easy);
   std::shared_ptr<Response> response;
   if (code == CURLE_OK && !request->cancelled && !request->callbackFailed && !request->broken) {
@@ -537,6 +656,10 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
   ReleaseEasy(request->easy);
   request->easy = nullptr;
   Completion completion = std::move(request->completion);
+  if (request->stream) {
+    HandOver(std::move(request), std::move(completion), std::move(response));
+    return;
+  }
   const Guid id = request->id;
   request.reset();
   if (!completion) return;
@@ -602,9 +725,14 @@ void Transport::Run() {
         Finish(std::move(request), CURLE_FAILED_INIT);
         continue;
       }
+      if (request->stream) {
+        std::lock_guard lock(deliveryMutex_);
+        live_.push_back(request->stream);
+      }
       active_.emplace(easy, std::move(request));
     }
     for (const Guid& id : cancels) CancelActive(id);
+    AttendStreams();
     for (auto& task : due) {
       try {
         task();
@@ -643,10 +771,11 @@ void Transport::Run() {
       }
     }
 
+    FlushDelivery();
     long timeout = kMaxPollMilliseconds;
     {
       std::lock_guard lock(mutex_);
-      if (!incoming_.empty() || !cancels_.empty() || shutdown_) {
+      if (!incoming_.empty() || !cancels_.empty() || shutdown_ || wakePending_) {
         timeout = 0;
       } else if (!timers_.empty()) {
         const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(timers_.begin()->first - Clock::now());
@@ -658,9 +787,240 @@ void Transport::Run() {
 
   curl_multi_cleanup(multi_);
   multi_ = nullptr;
+  {
+    // Every transfer has been handed over by now: the delivery thread runs what is left and ends.
+    std::lock_guard lock(deliveryMutex_);
+    deliveryStop_ = true;
+    attention_.clear();
+  }
+  deliveryReady_.notify_one();
   std::lock_guard lock(poolMutex_);
   for (CURL* easy : pool_) curl_easy_cleanup(easy);
   pool_.clear();
+}
+
+void Transport::DropChunksLocked(Stream& stream) {
+  for (auto& chunk : stream.chunks) RecycleLocked(chunk);
+  stream.chunks.clear();
+  stream.queued = 0;
+}
+
+void Transport::RecycleLocked(Chunk& chunk) {
+  if (chunk.data && chunk.capacity == kChunkBytes && spare_.size() < kMaxSpareChunks) {
+    spare_.push_back(std::move(chunk.data));
+  }
+  chunk.data.reset();
+}
+
+// Network thread. Copies the bytes into the transfer's queue and pauses the transfer when the
+// queue is full; false when the consumer is done with the transfer.
+bool Transport::Enqueue(Request& request, const char* data, std::size_t size) {
+  Stream& stream = *request.stream;
+  const std::uint64_t offset = request.offsetBase + request.received;
+  Progress progress;
+  progress.bytesReceived = request.received + size;
+  progress.totalBytes = request.total;
+  bool notify = false;
+  bool pause = false;
+  {
+    std::lock_guard lock(deliveryMutex_);
+    if (stream.failed) {
+      request.callbackFailed = true;
+      return false;
+    }
+    if (stream.cancelled) {
+      request.cancelled = true;
+      return false;
+    }
+    Chunk* tail = stream.chunks.empty() ? nullptr : &stream.chunks.back();
+    if (tail && tail->headers == request.answerHeaders && tail->offset + tail->size == offset &&
+        tail->capacity - tail->size >= size) {
+      std::memcpy(tail->data.get() + tail->size, data, size);
+      tail->size += size;
+      tail->progress = progress;
+    } else {
+      Chunk chunk;
+      chunk.capacity = std::max(size, kChunkBytes);
+      if (chunk.capacity == kChunkBytes && !spare_.empty()) {
+        chunk.data = std::move(spare_.back());
+        spare_.pop_back();
+      } else {
+        chunk.data.reset(new char[chunk.capacity]);
+      }
+      std::memcpy(chunk.data.get(), data, size);
+      chunk.size = size;
+      chunk.offset = offset;
+      chunk.progress = progress;
+      chunk.headers = request.answerHeaders;
+      stream.chunks.push_back(std::move(chunk));
+    }
+    stream.queued += size;
+    if (!stream.scheduled) {
+      stream.scheduled = true;
+      ready_.push_back(request.stream);
+    }
+    // Waking the delivery thread for every 16 KiB would cost more than copying them: it is woken
+    // for a chunk's worth, and for the rest before the network thread waits (FlushDelivery).
+    if (deliveryWaiting_) {
+      notify = stream.queued >= kChunkBytes;
+      wakeDeliveryLater_ = !notify;
+    }
+    if (stream.queued >= kHighWater && !stream.paused && !request.ending) {
+      stream.paused = true;
+      stream.resumeAsked = false;
+      pause = true;
+    }
+  }
+  if (notify) deliveryReady_.notify_one();
+  // These bytes are taken; what curl receives from now on it holds until we resume.
+  if (pause) curl_easy_pause(request.easy, CURLPAUSE_RECV);
+  return true;
+}
+
+// Network thread: the transfer is over here; its completion follows its last chunk.
+void Transport::HandOver(std::unique_ptr<Request> request, Completion completion,
+                         std::shared_ptr<Response> response) {
+  std::shared_ptr<Stream> stream = std::move(request->stream);
+  stream->request = nullptr;
+  const bool cancelled = request->cancelled;
+  request.reset();
+  {
+    std::lock_guard lock(deliveryMutex_);
+    if (cancelled && !stream->cancelled) {
+      stream->cancelled = true;
+      DropChunksLocked(*stream);
+    }
+    stream->done = true;
+    stream->completion = std::move(completion);
+    stream->response = std::move(response);
+    if (stream->scheduled) return;
+    stream->scheduled = true;
+    ready_.push_back(std::move(stream));
+  }
+  deliveryReady_.notify_one();
+}
+
+// Network thread, before it waits: bytes queued since the delivery thread was last woken go now.
+void Transport::FlushDelivery() {
+  {
+    std::lock_guard lock(deliveryMutex_);
+    if (!wakeDeliveryLater_) return;
+    wakeDeliveryLater_ = false;
+    if (!deliveryWaiting_ || ready_.empty()) return;
+  }
+  deliveryReady_.notify_one();
+}
+
+// Network thread: resumes the transfers the delivery thread drained, and ends those whose
+// consumer threw.
+void Transport::AttendStreams() {
+  std::vector<std::shared_ptr<Stream>> attention;
+  {
+    std::lock_guard lock(deliveryMutex_);
+    attention.swap(attention_);
+  }
+  for (auto& stream : attention) {
+    Request* request = stream->request;
+    if (!request) continue;
+    bool resume = false;
+    bool end = false;
+    {
+      std::lock_guard lock(deliveryMutex_);
+      end = stream->failed || stream->cancelled;
+      if (!end && stream->paused) {
+        stream->paused = false;
+        stream->resumeAsked = false;
+        resume = true;
+      }
+    }
+    CURLcode code = CURLE_OK;
+    // Unpausing hands curl's held bytes to OnWrite at once, which may pause the transfer again.
+    if (resume) code = curl_easy_pause(request->easy, CURLPAUSE_CONT);
+    if (end || code != CURLE_OK) {
+      auto node = active_.extract(request->easy);
+      if (node.empty()) continue;
+      Finish(std::move(node.mapped()), end ? CURLE_WRITE_ERROR : code);
+    }
+  }
+}
+
+// The delivery thread: one chunk at a time, taking turns between transfers, so that one
+// transfer's consumer cannot starve another's.
+void Transport::Deliver() {
+  std::unique_lock lock(deliveryMutex_);
+  while (true) {
+    deliveryWaiting_ = true;
+    deliveryReady_.wait(lock, [this] { return !ready_.empty() || deliveryStop_; });
+    deliveryWaiting_ = false;
+    if (ready_.empty()) break;
+    std::shared_ptr<Stream> stream = std::move(ready_.front());
+    ready_.pop_front();
+    Stream& s = *stream;
+    s.scheduled = false;
+    if (!s.chunks.empty()) {
+      Chunk chunk = std::move(s.chunks.front());
+      s.chunks.pop_front();
+      s.queued -= chunk.size;
+      bool wake = false;
+      if (s.paused && !s.resumeAsked && s.queued <= kLowWater) {
+        s.resumeAsked = true;
+        attention_.push_back(stream);
+        wake = true;
+      }
+      if (!s.chunks.empty() || s.done) {
+        s.scheduled = true;
+        ready_.push_back(stream);
+      }
+      lock.unlock();
+      if (wake) WakeNetwork();
+      bool threw = false;
+      try {
+        s.onData(s.id, chunk.data.get(), static_cast<std::size_t>(chunk.offset), chunk.size, chunk.progress,
+                 *chunk.headers);
+      } catch (...) {
+        threw = true;
+      }
+      lock.lock();
+      RecycleLocked(chunk);
+      if (threw && !s.cancelled && !s.failed) {
+        s.failed = true;
+        DropChunksLocked(s);
+        if (!s.done) {
+          attention_.push_back(stream);
+          lock.unlock();
+          WakeNetwork();
+          lock.lock();
+        }
+      }
+      continue;
+    }
+    if (!s.done || s.completed) continue;
+    s.completed = true;
+    Completion completion = std::move(s.completion);
+    std::shared_ptr<Response> response = std::move(s.response);
+    if (s.cancelled) response.reset();
+    if (s.failed) {
+      if (response) LogWarning("HTTP request failed", {{"error", "callback failed"}});
+      response.reset();
+    }
+    live_.erase(std::remove(live_.begin(), live_.end(), stream), live_.end());
+    lock.unlock();
+    // The consumer's state goes with its callbacks, here rather than on the network thread.
+    s.onData = nullptr;
+    if (completion) {
+      try {
+        completion(s.id, response);
+      } catch (const std::exception& error) {
+        LogWarning("HTTP completion threw", {{"what", error.what()}});
+      } catch (...) {
+        LogWarning("HTTP completion threw", {});
+      }
+    }
+    completion = nullptr;
+    response.reset();
+    stream.reset();
+    lock.lock();
+  }
 }
 
 size_t Transport::OnHeader(char* buffer, size_t size, size_t count, void* user) {
@@ -714,6 +1074,8 @@ size_t Transport::OnWrite(char* buffer, size_t size, size_t count, void* user) {
     request->rangeLength = 0;
     const bool success = status >= 200 && status <= 299;
     request->deliver = request->streaming && success;
+    // The delivery thread reads them while curl may still add trailers here.
+    if (request->deliver) request->answerHeaders = std::make_shared<const HeaderMap>(request->headers);
     if (request->deliver && status == kStatusPartialContent) {
       // Part of a resource: without a readable Content-Range there is no telling where its bytes
       // belong, so none of them are handed on.
@@ -747,23 +1109,14 @@ size_t Transport::OnWrite(char* buffer, size_t size, size_t count, void* user) {
     std::size_t take = length;
     if (request->rangeLength) take = std::min<std::uint64_t>(length, request->rangeLength - request->received);
     if (take > 0) {
-      Progress progress;
-      progress.bytesReceived = request->received + take;
-      progress.totalBytes = request->total;
-      try {
-        request->onData(request->id, buffer, static_cast<std::size_t>(request->offsetBase + request->received), take,
-                        progress, request->headers);
-      } catch (...) {
-        request->callbackFailed = true;
-        return 0;
-      }
+      if (!Transport::Instance().Enqueue(*request, buffer, take)) return 0;
       request->received += take;
     }
     if (take < length) {
       request->broken = "answer longer than its Content-Range";
       return 0;
     }
-    // The callback may have cancelled its own request.
+    // A completion on this thread may have cancelled the request since.
     return request->cancelled ? 0 : length;
   }
   if (request->streaming) {

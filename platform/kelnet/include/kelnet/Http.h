@@ -1,8 +1,11 @@
 #pragma once
 // HTTP POST and streaming GET on one network thread (libcurl multi).
 //
-// Completions and data callbacks run on the network thread, never on the caller's stack;
-// keep them short and hand work on (a callback that blocks stalls every transfer). A request
+// Completions of POSTs run on the network thread; keep them short and hand work on (one that
+// blocks stalls every transfer). A streaming GET's data callback and its completion run on
+// kelnet's delivery thread, in order: every chunk in the order received, then the completion. A
+// slow data callback holds up delivery, not receiving: each transfer queues a few MiB and pauses
+// while its queue is full. Neither ever runs on the caller's stack. A request
 // that fails without a complete HTTP answer (connection refused, TLS failure, timeout, reset
 // mid-body, cancellation, shutdown) completes with a null response; the reason goes to the log
 // with the host only, never the URL's path or query (they may carry tokens).
@@ -42,8 +45,9 @@ bool POST(const kelcore::utility::Guid& requestId, Completion completion, const 
 bool StreamingGET(const kelcore::utility::Guid& requestId, DataCallback onData, Completion completion,
                   const kelcore::ImmutableString& url, const HeaderMap& headers, const Configuration& configuration);
 
-// Cancels every request started with this id: each completes with a null response. Called from a
-// data callback, no further chunk of that request is delivered.
+// Cancels every request started with this id: each completes with a null response, and what was
+// queued for it is dropped. Called from a data callback, no further chunk of that request is
+// delivered; called elsewhere, at most the chunk being handed over at that moment.
 void Cancel(const kelcore::utility::Guid& requestId);
 
 // Runs task on the network thread once delay has passed (retry back-off, without a sleeping
@@ -51,8 +55,9 @@ void Cancel(const kelcore::utility::Guid& requestId);
 bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task);
 
 // Cancels every request in flight (each completes with a null response), runs pending timers,
-// stops and joins the network thread. Requests started afterwards are refused. Idempotent; also
-// runs at process exit. Called on the network thread itself it stops the thread without joining.
+// stops and joins the network and delivery threads. Requests started afterwards are refused.
+// Idempotent; also runs at process exit. Called on either thread itself it stops them without
+// joining.
 void Shutdown();
 bool IsShutDown();
 
