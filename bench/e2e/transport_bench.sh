@@ -11,7 +11,8 @@
 # each, taking turns so that a busy moment of the machine hits both sides alike:
 #   - small POSTs per second through ServiceBase (16 in flight) vs h2load -c1 -m16, same endpoint;
 #     over HTTP/2 (the default) and, for comparison, over HTTP/1.1 keep-alive connections
-#   - single-stream download vs curl -o /dev/null
+#   - single-stream download vs curl, both to /dev/null (the transport alone) and both to a file
+#     in /dev/shm (what a download is: receiving and writing overlap on our side)
 #   - segmented download vs aria2c -x8 -s8 (both write the file to /dev/shm)
 #   - peak memory (VmHWM) of a MEMORY_BYTES download
 # h2load and aria2c do not resolve *.localhost; they go to 127.0.0.1, which the emulator serves
@@ -72,7 +73,7 @@ best() { sort -g | tail -1; }  # the largest of the numbers on stdin
 field() { sed -n "s/.*$1=\([0-9.]*\).*/\1/p"; }
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
 
-ours_rps=(); ours_rps1=(); h2load_rps=(); ours_single=(); curl_single=(); ours_seg=(); aria_seg=()
+ours_rps=(); ours_rps1=(); h2load_rps=(); ours_single=(); curl_single=(); ours_file=(); curl_file=(); ours_seg=(); aria_seg=()
 for round in $(seq "$ROUNDS"); do
   ours_rps+=("$("$DRIVER" post "$API/graphql" "$POSTS" 16 "$BODY" "Bearer $TOKEN" | field rps)")
   ours_rps1+=("$(BENCH_HTTP1=1 "$DRIVER" post "$API/graphql" "$POSTS" 16 "$BODY" "Bearer $TOKEN" | field rps)")
@@ -82,6 +83,11 @@ for round in $(seq "$ROUNDS"); do
   ours_single+=("$("$DRIVER" download "$API/media/synthetic/$SINGLE_BYTES" 1 /dev/null | field mbps)")
   curl_single+=("$(curl -sf --cacert "$CA" -o /dev/null -w '%{speed_download}' "$API/media/synthetic/$SINGLE_BYTES" |
     awk '{ printf "%.1f", $1 / 1e6 }')")
+  ours_file+=("$("$DRIVER" download "$API/media/synthetic/$SINGLE_BYTES" 1 /dev/shm/transport-bench-ours | field mbps)")
+  rm -f /dev/shm/transport-bench-ours
+  curl_file+=("$(curl -sf --cacert "$CA" -o /dev/shm/transport-bench-curl -w '%{speed_download}' \
+    "$API/media/synthetic/$SINGLE_BYTES" | awk '{ printf "%.1f", $1 / 1e6 }')")
+  rm -f /dev/shm/transport-bench-curl
 
   ours_seg+=("$("$DRIVER" download "$API/media/synthetic/$SEGMENTED_BYTES" 8 /dev/shm/transport-bench-ours | field mbps)")
   rm -f /dev/shm/transport-bench-ours
@@ -91,7 +97,8 @@ for round in $(seq "$ROUNDS"); do
   end=$(now)
   aria_seg+=("$(awk -v s="$start" -v e="$end" -v n="$SEGMENTED_BYTES" 'BEGIN { printf "%.1f", n / (e - s) / 1e6 }')")
   rm -f /dev/shm/transport-bench-aria
-  echo "round $round: rps ${ours_rps[-1]} (HTTP/1.1 ${ours_rps1[-1]}) vs ${h2load_rps[-1]}; single MB/s ${ours_single[-1]} vs ${curl_single[-1]};" \
+  echo "round $round: rps ${ours_rps[-1]} (HTTP/1.1 ${ours_rps1[-1]}) vs ${h2load_rps[-1]}; single MB/s ${ours_single[-1]} vs ${curl_single[-1]}" \
+    "(to a file ${ours_file[-1]} vs ${curl_file[-1]});" \
     "segmented MB/s ${ours_seg[-1]} vs ${aria_seg[-1]}" >&2
 done
 
@@ -99,12 +106,14 @@ memory=$("$DRIVER" download "$API/media/synthetic/$MEMORY_BYTES" 8 - | field vmh
 
 R=$(printf '%s\n' "${ours_rps[@]}" | best); R1=$(printf '%s\n' "${ours_rps1[@]}" | best); H=$(printf '%s\n' "${h2load_rps[@]}" | best)
 S=$(printf '%s\n' "${ours_single[@]}" | best); C=$(printf '%s\n' "${curl_single[@]}" | best)
+SF=$(printf '%s\n' "${ours_file[@]}" | best); CF=$(printf '%s\n' "${curl_file[@]}" | best)
 G=$(printf '%s\n' "${ours_seg[@]}" | best); A=$(printf '%s\n' "${aria_seg[@]}" | best)
 echo
 printf '%-34s %12s %12s %8s %s\n' measure ours reference ratio target
 printf '%-34s %12s %12s %8s %s\n' "POST requests/s (vs h2load)" "$R" "$H" "$(ratio "$R" "$H")" ">= 0.70"
 printf '%-34s %12s %12s %8s %s\n' "  the same over HTTP/1.1" "$R1" "$H" "$(ratio "$R1" "$H")" ""
 printf '%-34s %12s %12s %8s %s\n' "single-stream MB/s (vs curl)" "$S" "$C" "$(ratio "$S" "$C")" ">= 0.90"
+printf '%-34s %12s %12s %8s %s\n' "  the same, both to a file" "$SF" "$CF" "$(ratio "$SF" "$CF")" ">= 0.90"
 printf '%-34s %12s %12s %8s %s\n' "segmented MB/s (vs aria2c -x8)" "$G" "$A" "$(ratio "$G" "$A")" ">= 1.00"
 printf '%-34s %12s %12s %8s %s\n' "peak RSS, $((MEMORY_BYTES >> 20)) MiB download, MiB" "$((memory / 1024))" "-" "-" "< 64"
 echo "(cores: $(nproc); load average before the summary: $(cut -d' ' -f1-3 /proc/loadavg))"
