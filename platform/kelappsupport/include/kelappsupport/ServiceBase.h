@@ -7,8 +7,9 @@
 // and the verdict on the answer: recoverable statuses and, if so configured, connectivity
 // failures are retried under the retry policy; a 401 notifies the authorization processor.
 //
-// Threads: completions and data callbacks run on the network thread (or the test transport's);
-// the authorization callback runs on kelcore's default executor, never on the network thread.
+// Threads: POST completions run on kelnet's network thread; a streaming GET's data callbacks and
+// its completion on kelnet's delivery thread, chunks before the completion (a test transport
+// uses its own thread for both). The authorization callback runs on kelcore's default executor.
 
 #include <functional>
 #include <memory>
