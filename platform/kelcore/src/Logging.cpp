@@ -54,15 +54,22 @@ int LevelFromName(std::string_view name) {
   return 0;
 }
 
-// Field values are escaped so that one record stays one line, whatever the value holds.
+// JSON's string escapes: in a stderr line they keep one record on one line, whatever a value holds.
 void AppendEscaped(std::string& out, std::string_view text) {
   for (char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
     switch (c) {
       case '"':
         out += "\\\"";
         break;
       case '\\':
         out += "\\\\";
+        break;
+      case '\b':
+        out += "\\b";
+        break;
+      case '\f':
+        out += "\\f";
         break;
       case '\n':
         out += "\\n";
@@ -74,10 +81,10 @@ void AppendEscaped(std::string& out, std::string_view text) {
         out += "\\t";
         break;
       default:
-        if (static_cast<unsigned char>(c) < 0x20) {
-          char hex[8];
-          std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned>(static_cast<unsigned char>(c)));
-          out += hex;
+        if (byte < 0x20) {
+          char escaped[8];
+          std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(byte));
+          out += escaped;
         } else {
           out += c;
         }
@@ -164,40 +171,7 @@ std::string QuoteJSON(std::string_view text) {
   std::string out;
   out.reserve(text.size() + 2);
   out += '"';
-  for (char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\b':
-        out += "\\b";
-        break;
-      case '\f':
-        out += "\\f";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (byte < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(byte));
-          out += escaped;
-        } else {
-          out += c;
-        }
-    }
-  }
+  AppendEscaped(out, text);
   out += '"';
   return out;
 }
