@@ -33,22 +33,22 @@ class FaultBoard {
   }
 
   // Validates and arms one fault; throws an Error with a client-facing message when invalid.
-  add(spec) {
-    if (!spec || typeof spec !== 'object' || Array.isArray(spec)) throw new Error('a fault is a JSON object');
-    for (const [key, value] of Object.entries(spec)) {
+  add(fault) {
+    if (!fault || typeof fault !== 'object' || Array.isArray(fault)) throw new Error('a fault is a JSON object');
+    for (const [key, value] of Object.entries(fault)) {
       const check = FIELDS[key];
       if (!check) throw new Error(`unknown fault field "${key}"`);
       const verdict = check(value);
       if (verdict !== true) throw new Error(verdict);
     }
-    if (!spec.route) throw new Error('route is required');
-    const effects = Object.keys(spec).filter((k) => k !== 'route' && k !== 'count');
+    if (!fault.route) throw new Error('route is required');
+    const effects = Object.keys(fault).filter((k) => k !== 'route' && k !== 'count');
     if (!effects.length) throw new Error('a fault needs at least one effect');
-    const fault = { id: this.nextId++, count: 1, ...spec };
-    if (typeof fault.retryAfter === 'number') fault.retryAfter = String(fault.retryAfter);
-    fault.remaining = fault.count;
-    this.faults.push(fault);
-    return fault;
+    const armed = { id: this.nextId++, count: 1, ...fault };
+    if (typeof armed.retryAfter === 'number') armed.retryAfter = String(armed.retryAfter);
+    armed.remaining = armed.count;
+    this.faults.push(armed);
+    return armed;
   }
 
   take(route) {

@@ -142,7 +142,7 @@ describe('fault injection', { timeout: 60000 }, () => {
     }
   });
 
-  it('rejects malformed fault specifications', async () => {
+  it('rejects malformed fault descriptions', async () => {
     for (const bad of [{ route: 'nowhere', status: 500 }, { route: 'graphql' }, { route: 'graphql', status: 500, count: 0 }, { route: 'graphql', stauts: 500 }, [1],
       { route: 'media', status: 100 }]) {
       assert.equal((await emu.control('POST', '/faults', bad)).status, 400, JSON.stringify(bad));
