@@ -11,29 +11,31 @@
 namespace kelappsupport::cloudservice::detail {
 namespace {
 
-std::string HostKey(const kelcore::ImmutableString& url) {
+// The throttling key (scheme, host and port) and whether the token may go there, from one parse.
+void ClassifyDestination(const kelcore::ImmutableString& url, Exchange& exchange) {
   auto parts = kelnet::ParseURL(url.View());
-  if (!parts) return {};
+  if (!parts) return;
   const unsigned port = parts->port ? *parts->port : (parts->scheme == "https" ? 443u : 80u);
-  return parts->scheme + "://" + parts->host + ":" + std::to_string(port);
+  exchange.hostKey = parts->scheme + "://" + parts->host + ":" + std::to_string(port);
+  exchange.secure = parts->scheme == "https";
+  exchange.host = std::move(parts->host);
 }
 
 bool IsLoopbackHost(std::string_view host) {
   return host == "localhost" || host.ends_with(".localhost") || host.starts_with("127.") || host == "::1";
 }
 
-// Whether our token may go to this URL: never in clear text, except to this machine (the
+// Whether our token may go to this host: never in clear text, except to this machine (the
 // emulator's plain-HTTP mode); and once the service has named its hosts, only to those (a media
 // URL may point at a third party's CDN).
-bool MayCarryToken(std::string_view url, const std::vector<std::string>& authorizedHosts) {
-  const auto parts = kelnet::ParseURL(url);
-  if (!parts) return false;
-  if (parts->scheme != "https" && !IsLoopbackHost(parts->host)) return false;
+bool MayCarryToken(const Exchange& exchange, const std::vector<std::string>& authorizedHosts) {
+  const std::string& host = exchange.host;
+  if (host.empty()) return false;
+  if (!exchange.secure && !IsLoopbackHost(host)) return false;
   if (authorizedHosts.empty()) return true;
   return std::any_of(authorizedHosts.begin(), authorizedHosts.end(), [&](const std::string& domain) {
-    return parts->host == domain ||
-           (parts->host.size() > domain.size() && parts->host.ends_with(domain) &&
-            parts->host[parts->host.size() - domain.size() - 1] == '.');
+    return host == domain ||
+           (host.size() > domain.size() && host.ends_with(domain) && host[host.size() - domain.size() - 1] == '.');
   });
 }
 
@@ -176,7 +178,7 @@ void RequestPipeline::ReleaseLocked(const std::string& hostKey) {
 
 std::shared_ptr<Exchange> RequestPipeline::Start(ExchangePlan plan, ExchangeDone done) {
   auto exchange = std::make_shared<Exchange>();
-  exchange->hostKey = HostKey(plan.url);
+  ClassifyDestination(plan.url, *exchange);
   exchange->plan = std::move(plan);
   exchange->done = std::move(done);
   bool launchNow = false;
@@ -217,7 +219,7 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
     transport = transport_;
     // Read per attempt: a retry goes out with the token set since the first attempt.
     if (exchange->plan.authorize && !tokenHeader_.empty() && !tokenValue_.empty() &&
-        MayCarryToken(exchange->plan.url.View(), authorizedHosts_)) {
+        MayCarryToken(*exchange, authorizedHosts_)) {
       for (auto it = headers.begin(); it != headers.end();) {
         it = SameHeaderName(it->first.View(), tokenHeader_.View()) ? headers.erase(it) : std::next(it);
       }

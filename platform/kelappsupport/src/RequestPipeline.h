@@ -44,7 +44,9 @@ class Exchange {
   enum class State { Queued, InFlight, Waiting, Done };
 
   ExchangePlan plan;
-  std::string hostKey;
+  std::string hostKey;  // scheme://host:port, the unit of per-host throttling
+  std::string host;     // lower-case; empty when the URL did not parse
+  bool secure = false;  // https
   ExchangeDone done;
   std::atomic<bool> delivered{false};
 
