@@ -128,17 +128,6 @@ OstrioAuthManager::OstrioAuthManager(kelcore::classref::InterfaceRef<kelcore::IK
 
 OstrioAuthManager::~OstrioAuthManager() = default;
 
-const ImmutableString& OstrioAuthManager::GetUnknownTypeName() const {
-  static const ImmutableString name(kelcore::debug::GetTypeName<OstrioAuthManager>());
-  return name;
-}
-
-void* OstrioAuthManager::QueryMap(std::string_view interfaceName) {
-  if (interfaceName == kelcore::debug::GetTypeName<OstrioAuthManager>()) return this;
-  if (interfaceName == kelcore::debug::GetTypeName<IOstrioAuthManager>()) return static_cast<IOstrioAuthManager*>(this);
-  return nullptr;
-}
-
 std::shared_ptr<OstrioAuthManager> OstrioAuthManager::GetSharedThis() {
   return SharedFromThisAs<OstrioAuthManager>();
 }

@@ -30,7 +30,8 @@
 namespace ostriolib {
 
 class OSTRIOLIB_EXPORT OstrioAuthManager : public IOstrioAuthManager {
- public:
+  KEL_CLASS_REGISTRATION(OstrioAuthManager, IOstrioAuthManager)
+
   // The wall clock, so tests can put a token exactly on the one-hour boundary.
   using Clock = std::function<std::chrono::system_clock::time_point()>;
   // kelnet::POST's shape, so tests can answer the refresh request themselves.
@@ -63,7 +64,6 @@ class OSTRIOLIB_EXPORT OstrioAuthManager : public IOstrioAuthManager {
 
   virtual std::shared_ptr<OstrioAuthManager> GetSharedThis();
 
-  const kelcore::ImmutableString& GetUnknownTypeName() const override;
 
   // Initialize's per-instance part: stores the four values, without the once-per-process guard
   // and without registering the URL scheme. For tests and tools that run several managers in one
@@ -101,7 +101,6 @@ class OSTRIOLIB_EXPORT OstrioAuthManager : public IOstrioAuthManager {
   kelcore::async::Future<std::shared_ptr<kelnet::Response>> PostForAuthorization(
       const kelcore::ImmutableString& url, const std::shared_ptr<const kelcore::allocator::RecycledMemory>& body);
 
-  void* QueryMap(std::string_view interfaceName) override;
 
  private:
   static kelcore::ImmutableString DecodeJwtPayload(const kelcore::ImmutableString& token);

@@ -39,13 +39,7 @@ std::shared_ptr<kelnet::Response> Failure(int status, std::string_view reason) {
 }
 
 void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
-  if (!kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Warning)) return;
-  kelcore::logging::Record record;
-  record.level = kelcore::logging::Level::Warning;
-  record.category = "kelappsupport";
-  record.message = std::move(message);
-  record.fields = std::move(fields);
-  kelcore::logging::Log(std::move(record));
+  kelcore::logging::LogWarning("kelappsupport", std::move(message), std::move(fields));
 }
 
 }  // namespace

@@ -167,15 +167,4 @@ int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelne
   return download->Start() ? kelcore::kResultOK : kelcore::kErrorFailed;
 }
 
-const kelcore::ImmutableString& ServiceBase::GetUnknownTypeName() const {
-  static const kelcore::ImmutableString name(kelcore::debug::GetTypeName<ServiceBase>());
-  return name;
-}
-
-void* ServiceBase::QueryMap(std::string_view interfaceName) {
-  if (interfaceName == kelcore::debug::GetTypeName<IService>()) return static_cast<IService*>(this);
-  if (interfaceName == kelcore::debug::GetTypeName<ServiceBase>()) return static_cast<ServiceBase*>(this);
-  return nullptr;
-}
-
 }  // namespace kelappsupport::cloudservice

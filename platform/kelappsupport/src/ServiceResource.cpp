@@ -19,15 +19,4 @@ std::shared_ptr<kelnet::Response> ServiceResource::GetResponse() const {
 
 bool ServiceResource::CanLoadContentType(const kelcore::ImmutableString& /*contentType*/) const { return true; }
 
-const kelcore::ImmutableString& ServiceResource::GetUnknownTypeName() const {
-  static const kelcore::ImmutableString name(kelcore::debug::GetTypeName<ServiceResource>());
-  return name;
-}
-
-void* ServiceResource::QueryMap(std::string_view interfaceName) {
-  if (interfaceName == kelcore::debug::GetTypeName<IServiceResource>()) return static_cast<IServiceResource*>(this);
-  if (interfaceName == kelcore::debug::GetTypeName<ServiceResource>()) return static_cast<ServiceResource*>(this);
-  return nullptr;
-}
-
 }  // namespace kelappsupport::cloudservice

@@ -114,12 +114,8 @@ FileStatus ReadDebugFile(const std::string& path, std::string& contents, std::st
 }
 
 void WarnAboutFile(const std::string& path, std::string_view problem, const std::string& reason) {
-  logging::Record record;
-  record.level = logging::Level::Warning;
-  record.category = "kelcore";
-  record.message = "Debug database file ignored";
-  record.fields = {{"path", path}, {"problem", std::string(problem)}, {"error", reason}};
-  logging::Log(std::move(record));
+  logging::LogWarning("kelcore", "Debug database file ignored",
+                      {{"path", path}, {"problem", std::string(problem)}, {"error", reason}});
 }
 
 // The value of the key's last occurrence in a "key=value" file. A file that cannot be used

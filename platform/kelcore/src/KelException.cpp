@@ -68,4 +68,12 @@ std::string SourcePathWithoutExtension(std::string_view file) {
   return std::string(file.substr(0, dot));
 }
 
+std::string ContinuationName(std::string_view function, int index) {
+  return std::string(function) + "::<lambda_" + std::to_string(index) + ">::operator ()";
+}
+
+SourceSite ContinuationSite(std::string_view path, int line, std::string_view function, int index) {
+  return SourceSite{path, line, ContinuationName(function, index)};
+}
+
 }  // namespace kelcore

@@ -152,6 +152,17 @@ void Log(Record record) {
   if (sink) (*sink)(record);
 }
 
+void LogWarning(std::string_view category, std::string message,
+                std::vector<std::pair<std::string, std::string>> fields) {
+  if (!IsLoggingEnabled(Level::Warning)) return;
+  Record record;
+  record.level = Level::Warning;
+  record.category = std::string(category);
+  record.message = std::move(message);
+  record.fields = std::move(fields);
+  Log(std::move(record));
+}
+
 bool IsTraceEnabled(std::string_view /*category*/, int level) {
   const int wanted = Initialized().maxLevel.load();
   return wanted > 0 && wanted >= level;

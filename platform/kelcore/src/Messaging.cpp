@@ -57,12 +57,7 @@ void Silence(const SubscriptionRef& subscription) {
 }
 
 void LogWarning(std::string message, const ImmutableString& station) {
-  logging::Record record;
-  record.level = logging::Level::Warning;
-  record.category = "kelcore";
-  record.message = std::move(message);
-  record.fields = {{"station", station.ToStdString()}};
-  logging::Log(std::move(record));
+  logging::LogWarning("kelcore", std::move(message), {{"station", station.ToStdString()}});
 }
 
 }  // namespace

@@ -59,13 +59,7 @@ constexpr std::size_t kChunkBytes = 256 * 1024;
 constexpr std::size_t kMaxSpareChunks = 8;
 
 void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
-  if (!kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Warning)) return;
-  kelcore::logging::Record record;
-  record.level = kelcore::logging::Level::Warning;
-  record.category = "kelnet";
-  record.message = std::move(message);
-  record.fields = std::move(fields);
-  kelcore::logging::Log(std::move(record));
+  kelcore::logging::LogWarning("kelnet", std::move(message), std::move(fields));
 }
 
 char LowerASCII(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }

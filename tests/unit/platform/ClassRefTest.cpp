@@ -26,16 +26,7 @@ class IUnrelated {
 class Greeter final : public IGreeter, public kelcore::classref::Unknown {
  public:
   int Greet() override { return 7; }
-  const kelcore::ImmutableString& GetUnknownTypeName() const override {
-    static const kelcore::ImmutableString name("kelcoretest::Greeter");
-    return name;
-  }
-
- protected:
-  void* QueryMap(std::string_view interfaceName) override {
-    if (interfaceName == kelcore::debug::GetTypeName<IGreeter>()) return static_cast<IGreeter*>(this);
-    return nullptr;
-  }
+  KEL_CLASS_REGISTRATION(Greeter, IGreeter)
 };
 
 }  // namespace kelcoretest

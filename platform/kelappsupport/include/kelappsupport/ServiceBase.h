@@ -36,7 +36,8 @@ enum ConnectivityErrorHandling : int {
 };
 
 class ServiceBase : public virtual IService {
- public:
+  KEL_CLASS_REGISTRATION(ServiceBase, IService)
+
   ServiceBase();
   ~ServiceBase() override;
   ServiceBase(const ServiceBase&) = delete;
@@ -90,14 +91,10 @@ class ServiceBase : public virtual IService {
                        const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration,
                        bool authorize) override;
 
-  const kelcore::ImmutableString& GetUnknownTypeName() const override;
-
  protected:
   // Adds the headers every request of this service carries. Runs on the caller's thread, once
   // per request (not per attempt).
   virtual void AddCommonHeaders(kelnet::HeaderMap& headers);
-  // Answers to "kelappsupport::cloudservice::IService" and "kelappsupport::cloudservice::ServiceBase".
-  void* QueryMap(std::string_view interfaceName) override;
 
  private:
   kelnet::HeaderMap BuildHeaders(const kelnet::HeaderMap& headers);

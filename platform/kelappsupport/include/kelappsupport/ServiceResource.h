@@ -9,7 +9,8 @@
 namespace kelappsupport::cloudservice {
 
 class ServiceResource : public virtual IServiceResource {
- public:
+  KEL_CLASS_REGISTRATION(ServiceResource, IServiceResource)
+
   ~ServiceResource() override = default;
 
   // Stores the answer. A null answer is not stored and gives kErrorNoResponse.
@@ -20,12 +21,7 @@ class ServiceResource : public virtual IServiceResource {
   // Whether this resource can read a body of that content type; the base reads anything.
   virtual bool CanLoadContentType(const kelcore::ImmutableString& contentType) const;
 
-  const kelcore::ImmutableString& GetUnknownTypeName() const override;
-
  protected:
-  // Answers to "kelappsupport::cloudservice::IServiceResource" and "kelappsupport::cloudservice::ServiceResource".
-  void* QueryMap(std::string_view interfaceName) override;
-
   mutable std::mutex resourceMutex;
 
  private:

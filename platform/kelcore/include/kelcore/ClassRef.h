@@ -93,6 +93,28 @@ class InterfaceRef {
   std::shared_ptr<T> object_;
 };
 
+// The registration every class-registered object needs: its own name, and the sub-object that
+// answers to each interface name it can be looked up under (itself and each of Interfaces).
+template <class Self, class... Interfaces>
+struct ClassRegistration {
+  static const ImmutableString& TypeName() {
+    static const ImmutableString name(debug::GetTypeName<Self>());
+    return name;
+  }
+  // `object` is Self, or a class template's CRTP base of Self.
+  template <class Object>
+  static void* Find(Object* object, std::string_view interfaceName) {
+    Self* self = static_cast<Self*>(object);
+    if (interfaceName == debug::GetTypeName<Self>()) return self;
+    void* found = nullptr;
+    ((found = found != nullptr || interfaceName != debug::GetTypeName<Interfaces>()
+                  ? found
+                  : static_cast<void*>(static_cast<Interfaces*>(self))),
+     ...);
+    return found;
+  }
+};
+
 // Keeps count of live class-registered objects, so tests can prove nothing leaks.
 class ClassWatcher {
  public:
@@ -108,3 +130,18 @@ InterfaceRef<T> AllocateClassInstance(Args&&... args) {
 
 }  // namespace classref
 }  // namespace kelcore
+
+// Declares GetUnknownTypeName and QueryMap for Self, answering to Self and to each listed
+// interface. Put it at the top of the class body; it leaves the access at public.
+#define KEL_CLASS_REGISTRATION(Self, ...)                                                          \
+ public:                                                                                           \
+  const ::kelcore::ImmutableString& GetUnknownTypeName() const override {                          \
+    return ::kelcore::classref::ClassRegistration<Self __VA_OPT__(, ) __VA_ARGS__>::TypeName();                \
+  }                                                                                                \
+                                                                                                   \
+ protected:                                                                                        \
+  void* QueryMap(std::string_view interfaceName) override {                                        \
+    return ::kelcore::classref::ClassRegistration<Self __VA_OPT__(, ) __VA_ARGS__>::Find(this, interfaceName); \
+  }                                                                                                \
+                                                                                                   \
+ public:

@@ -63,6 +63,21 @@ std::string ExtractMessageFromException(const std::exception_ptr& error);
 // Strips the extension from a repository-relative __FILE__ ("src/OstrioClient.cpp" -> "src/OstrioClient").
 std::string SourcePathWithoutExtension(std::string_view file);
 
+// Where an exception says it was raised, as data. The library's contract names some raising places
+// exactly (a source path, a line, a function), so those places must not move when the code that
+// raises them does; a site written once beside the code keeps them stable across any file layout.
+struct SourceSite {
+  std::string_view path;  // repository-relative, without extension
+  int line = 0;
+  std::string function;
+};
+
+// The name a continuation is reported under: "<function>::<lambda_N>::operator ()", the way the
+// platform's own tooling names the N-th lambda of a function, written once instead of by hand.
+std::string ContinuationName(std::string_view function, int index);
+// A site inside the index-th continuation of `function`.
+SourceSite ContinuationSite(std::string_view path, int line, std::string_view function, int index);
+
 }  // namespace kelcore
 
 // Throws kel_exception(code, message) naming this place and the failed condition's text.
@@ -79,6 +94,15 @@ std::string SourcePathWithoutExtension(std::string_view file);
     if (condition) {                                                                         \
       throw ::kelcore::kel_exception((code), (message), __FILE__, __LINE__, (function), #condition); \
     }                                                                                        \
+  } while (false)
+
+// As KEL_THROW_IF, raised at a site given as data (see SourceSite).
+#define KEL_THROW_IF_AT(condition, code, message, site)                                                     \
+  do {                                                                                                      \
+    if (condition) {                                                                                        \
+      const ::kelcore::SourceSite& kelSite_ = (site);                                                       \
+      throw ::kelcore::kel_exception((code), (message), kelSite_.path, kelSite_.line, kelSite_.function, #condition); \
+    }                                                                                                       \
   } while (false)
 
 #define KEL_THROW_IF_NULL(pointer, TypeName)                                                          \

@@ -31,6 +31,10 @@ void SetSink(Sink sink, Level maxLevel = Level::Trace);
 bool IsLoggingEnabled(Level level = Level::Error);
 void Log(Record record);
 
+// One warning record of `category` with its named fields; nothing when warnings are off.
+void LogWarning(std::string_view category, std::string message,
+                std::vector<std::pair<std::string, std::string>> fields = {});
+
 bool IsTraceEnabled(std::string_view category, int level);
 void Trace(std::string_view category, int level, std::string_view text);
 

@@ -75,17 +75,7 @@ class RecordingOSUtilsWrapper final : public IOSUtilsWrapper {
     hook_ = std::move(hook);
   }
 
-  const ImmutableString& GetUnknownTypeName() const override {
-    static const ImmutableString name(debug::GetTypeName<RecordingOSUtilsWrapper>());
-    return name;
-  }
-
- protected:
-  void* QueryMap(std::string_view interfaceName) override {
-    if (interfaceName == debug::GetTypeName<IOSUtilsWrapper>()) return static_cast<IOSUtilsWrapper*>(this);
-    if (interfaceName == debug::GetTypeName<RecordingOSUtilsWrapper>()) return this;
-    return nullptr;
-  }
+  KEL_CLASS_REGISTRATION(RecordingOSUtilsWrapper, IOSUtilsWrapper)
 
  private:
   mutable std::mutex mutex_;

@@ -147,16 +147,7 @@ class CommandOpener final : public IOSUtilsWrapper {
     return OpenWith(command, url, exitWait_);
   }
 
-  const ImmutableString& GetUnknownTypeName() const override {
-    static const ImmutableString name(debug::GetTypeName<CommandOpener>());
-    return name;
-  }
-
- protected:
-  void* QueryMap(std::string_view interfaceName) override {
-    if (interfaceName == debug::GetTypeName<IOSUtilsWrapper>()) return static_cast<IOSUtilsWrapper*>(this);
-    return nullptr;
-  }
+  KEL_CLASS_REGISTRATION(CommandOpener, IOSUtilsWrapper)
 
  private:
   const std::string command_;
