@@ -1,4 +1,4 @@
-#include "auth/src/CredentialRecord.h"
+#include "CredentialRecord.h"
 
 #include <map>
 #include <vector>

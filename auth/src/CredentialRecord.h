@@ -21,12 +21,12 @@ struct CredentialRecord {
   kelcore::ImmutableString expiresAt;    // decimal seconds since 1970-01-01 UTC
 };
 
-OSTRIOLIB_EXPORT std::string WriteCredentialRecord(const CredentialRecord& record);
+std::string WriteCredentialRecord(const CredentialRecord& record);
 
 // Items split on runs of '&', each on runs of '='; an item that is not exactly key and value is
 // skipped, and of repeated keys the first counts. The token value loses its first nine characters
 // (the length of "Bearer%20", not compared). false when the text is empty or one of the four keys
 // is missing; fields filled before the failing step keep their values.
-OSTRIOLIB_EXPORT bool ParseCredentialRecord(std::string_view text, CredentialRecord& record);
+bool ParseCredentialRecord(std::string_view text, CredentialRecord& record);
 
 }  // namespace ostriolib

@@ -1,4 +1,4 @@
-#include "auth/src/JwtTokenData.h"
+#include "JwtTokenData.h"
 
 #include "kelcore/Dictionary.h"
 #include "kelcore/KelException.h"

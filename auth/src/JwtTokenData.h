@@ -25,13 +25,13 @@ struct JwtTokenData {
 
 // The payload part of a JWT (between the first and the second '.'), padded with '=' to a
 // multiple of four and base64-decoded. Empty when either '.' is missing or nothing decodes.
-OSTRIOLIB_EXPORT std::string DecodeJwtPayload(std::string_view token);
+std::string DecodeJwtPayload(std::string_view token);
 
 // Reads the claims from the payload's JSON; an object with a "SerializerWrappedObject" member is
 // read from that member. Every claim is required: a missing one throws missing_key_exception
 // naming it. Integer claims keep the low 32 bits of either JSON integer kind; a claim of another
 // kind than its field reads as 0 or the empty string. Text that is not JSON throws kel_exception
 // (kErrorFailed, "JSON not well-formed").
-OSTRIOLIB_EXPORT JwtTokenData ParseJwtTokenData(std::string_view json);
+JwtTokenData ParseJwtTokenData(std::string_view json);
 
 }  // namespace ostriolib

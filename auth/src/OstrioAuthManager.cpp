@@ -1,4 +1,4 @@
-#include "auth/src/OstrioAuthManager.h"
+#include "OstrioAuthManager.h"
 
 #include <execinfo.h>
 #include <signal.h>
@@ -14,14 +14,14 @@
 #include <map>
 #include <string>
 
-#include "auth/src/JwtTokenData.h"
+#include "JwtTokenData.h"
 #include "kelcore/Executor.h"
 #include "kelcore/KelException.h"
 #include "kelcore/Logging.h"
 #include "kelcore/UrlSchemeRegistration.h"
 #include "kelnet/Constants.h"
 #include "kelnet/URL.h"
-#include "src/OstrioClientConfiguration.h"
+#include "LibraryConfiguration.h"
 
 namespace ostriolib {
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "auth/src/CredentialRecord.h"
+#include "CredentialRecord.h"
 #include "kelcore/ClassRef.h"
 #include "kelcore/Future.h"
 #include "kelcore/Guid.h"
@@ -29,7 +29,7 @@
 
 namespace ostriolib {
 
-class OSTRIOLIB_EXPORT OstrioAuthManager : public IOstrioAuthManager {
+class OstrioAuthManager : public IOstrioAuthManager {
   KEL_CLASS_REGISTRATION(OstrioAuthManager, IOstrioAuthManager)
 
   // The wall clock, so tests can put a token exactly on the one-hour boundary.

@@ -15,6 +15,8 @@ class IKeychainUtils;
 class IOSUtilsWrapper;
 }  // namespace kelcore
 
+OSTRIOLIB_HEADER_OF_LAYER(OSTRIOLIB_LAYER_AUTH);
+
 namespace ostriolib {
 
 class OSTRIOLIB_EXPORT IOstrioAuthManager : public kelcore::classref::Unknown {

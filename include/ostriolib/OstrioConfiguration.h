@@ -7,6 +7,8 @@
 #include "kelcore/ImmutableString.h"
 #include "ostriolib/OstrioExport.h"
 
+OSTRIOLIB_HEADER_OF_LAYER(OSTRIOLIB_LAYER_CONFIGURATION);
+
 namespace ostriolib {
 
 // 0 production, 1 staging, 2 development; any other value is treated as production.

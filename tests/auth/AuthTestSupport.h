@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "auth/src/OstrioAuthManager.h"
+#include "OstrioAuthManager.h"
 #include "kelcore/Executor.h"
 #include "kelcore/Logging.h"
 #include "kelcore/Strings.h"

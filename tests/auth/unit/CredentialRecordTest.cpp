@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "auth/src/CredentialRecord.h"
-#include "auth/src/JwtTokenData.h"
+#include "CredentialRecord.h"
+#include "JwtTokenData.h"
 #include "kelcore/KelException.h"
-#include "auth/src/OstrioAuthManager.h"
+#include "OstrioAuthManager.h"
 
 namespace ostriolib {
 namespace {

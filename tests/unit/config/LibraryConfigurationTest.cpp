@@ -9,7 +9,7 @@
 #include "kelcore/Configuration.h"
 #include "kelcore/KelException.h"
 #include "ostriolib/OstrioConfiguration.h"
-#include "src/OstrioClientConfiguration.h"
+#include "LibraryConfiguration.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
 // The library's process-wide configuration: the host's parameters, the client ID, the service
-// environment and its domain, and the start-up hooks that set them.
+// environment and its domain. Written at process begin and by the start-up initialiser, read from
+// any thread afterwards.
 
 #include <mutex>
 #include <sstream>
@@ -11,9 +12,8 @@
 #include "kelcore/KelException.h"
 #include "kelcore/Logging.h"
 #include "kelcore/Strings.h"
-#include "ostriolib/IOstrioAuthManager.h"
 #include "ostriolib/OstrioConfiguration.h"
-#include "src/OstrioClientConfiguration.h"
+#include "LibraryConfiguration.h"
 
 namespace ostriolib {
 
@@ -38,8 +38,6 @@ std::mutex& ConfigurationMutex() {
 std::string sOstrioClientName;
 std::string sOstrioRedirectURI;
 kelcore::ImmutableString sOstrioClientID;
-// The library keeps the auth manager alive for its whole life once initialised.
-kelcore::classref::InterfaceRef<IOstrioAuthManager> sOstrioAuthManager;
 
 // First parameter of that exact name; only a string-typed value counts.
 std::string StringParameter(const kelcore::config::detail::Parameter* parameters, std::size_t count,
@@ -63,63 +61,37 @@ void OnProcessBegin(const kelcore::config::detail::Parameter* parameters, std::s
   sOstrioRedirectURI = std::move(redirectURI);
 }
 
-void OnProcessEnd() {
-  kelcore::classref::InterfaceRef<IOstrioAuthManager> released;
-  std::lock_guard lock(ConfigurationMutex());
-  released = std::move(sOstrioAuthManager);
-}
+const kelcore::config::ProcessBeginEndNotificationRegistrar sProcessRegistrar(OnProcessBegin);
 
-bool InitializeOstrioLib() {
-  const std::string buildNumber(kelcore::config::GetClientBuildNumber().View());
-  const std::string version(kelcore::config::GetClientVersion().View());
-  const std::string clientName = GetOstrioClientName();
-  const std::string company = kelcore::ToLowerUTF8(kelcore::config::GetCompanyName().View());
-
-  const kelcore::ImmutableString clientId(company + "+" + clientName + "/" + version + "." + buildNumber);
-  {
-    std::lock_guard lock(ConfigurationMutex());
-    sOstrioClientID = clientId;
-  }
-
-  auto authManager = GetOstrioAuthManager();
-  {
-    std::lock_guard lock(ConfigurationMutex());
-    sOstrioAuthManager = authManager;
-  }
-
-  const kelcore::ImmutableString preview = GetDevPreviewHeaderValue();
-  const EnvironmentType environment = GetEnvironmentType();
-  const kelcore::ImmutableString redirectURI(GetOstrioRedirectURI());
-  if (authManager) {
-    // Its failures show later, through the auth manager's own results.
-    authManager->Initialize(clientId, redirectURI, environment, preview);
-  }
-  return true;
-}
-
-const kelcore::config::ProcessBeginEndNotificationRegistrar sProcessRegistrar(OnProcessBegin, OnProcessEnd);
-const kelcore::config::InitializerRegistrar sOstrioLibInitializer("OstrioLib", 4, InitializeOstrioLib);
+// The getters' failures name the client's source file and the getter: hosts and their tests look
+// for that place, wherever the code lives in this tree.
+constexpr std::string_view kConfigurationSource = "src/OstrioClient";
 
 }  // namespace
 
 std::string GetOstrioClientName() {
   std::lock_guard lock(ConfigurationMutex());
-  KEL_THROW_IF_IN(sOstrioClientName.empty(), kelcore::kErrorOperationFailed, "Ostrio client name not set",
-                  "ostriolib::GetOstrioClientName");
+  KEL_THROW_IF_AT(sOstrioClientName.empty(), kelcore::kErrorOperationFailed, "Ostrio client name not set",
+                  (kelcore::SourceSite{kConfigurationSource, __LINE__, "ostriolib::GetOstrioClientName"}));
   return sOstrioClientName;
 }
 
 std::string GetOstrioRedirectURI() {
   std::lock_guard lock(ConfigurationMutex());
-  KEL_THROW_IF_IN(sOstrioRedirectURI.empty(), kelcore::kErrorOperationFailed, "Ostrio redirect URI not set",
-                  "ostriolib::GetOstrioRedirectURI");
+  KEL_THROW_IF_AT(sOstrioRedirectURI.empty(), kelcore::kErrorOperationFailed, "Ostrio redirect URI not set",
+                  (kelcore::SourceSite{kConfigurationSource, __LINE__, "ostriolib::GetOstrioRedirectURI"}));
   return sOstrioRedirectURI;
+}
+
+void SetOstrioClientID(const kelcore::ImmutableString& clientId) {
+  std::lock_guard lock(ConfigurationMutex());
+  sOstrioClientID = clientId;
 }
 
 kelcore::ImmutableString GetOstrioClientID() {
   std::lock_guard lock(ConfigurationMutex());
-  KEL_THROW_IF_IN(sOstrioClientID.empty(), kelcore::kErrorOperationFailed, "Ostrio client ID not set",
-                  "ostriolib::GetOstrioClientID");
+  KEL_THROW_IF_AT(sOstrioClientID.empty(), kelcore::kErrorOperationFailed, "Ostrio client ID not set",
+                  (kelcore::SourceSite{kConfigurationSource, __LINE__, "ostriolib::GetOstrioClientID"}));
   return sOstrioClientID;
 }
 
@@ -152,25 +124,3 @@ kelcore::ImmutableString GetDomainSuffix(EnvironmentType environment) {
 }
 
 }  // namespace ostriolib
-
-extern "C" int OstrioLibBeginProcess(const char* companyName, const char* version, const char* buildNumber,
-                                     const OstrioHostParameter* parameters, std::size_t count) {
-  kelcore::config::HostInformation host;
-  host.companyName = companyName ? companyName : "";
-  host.version = version ? version : "";
-  host.buildNumber = buildNumber ? buildNumber : "";
-  if (!parameters) count = 0;
-  std::vector<kelcore::config::detail::Parameter> converted;
-  converted.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) {
-    kelcore::config::detail::Parameter parameter;
-    parameter.name = parameters[i].name;
-    parameter.type = kelcore::config::detail::kParameterTypeString;
-    parameter.stringValue = parameters[i].value;
-    converted.push_back(parameter);
-  }
-  if (!kelcore::config::BeginProcess(host, converted.data(), converted.size())) return 0;
-  return kelcore::config::InitializerFailed("OstrioLib") ? kelcore::kErrorOperationFailed : 0;
-}
-
-extern "C" void OstrioLibEndProcess() { kelcore::config::EndProcess(); }

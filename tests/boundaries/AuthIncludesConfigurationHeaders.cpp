@@ -1,0 +1,3 @@
+#include "LibraryConfiguration.h"
+#include "ostriolib/OstrioConfiguration.h"
+#include "OstrioAuthManager.h"

@@ -1,0 +1,1 @@
+#include "ostriolib/IOstrioService.h"
