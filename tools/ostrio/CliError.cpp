@@ -44,6 +44,10 @@ CliError::CliError(kelcore::Result result, const std::string& message, ExitStatu
     : std::runtime_error(message.empty() ? FallbackMessage(result) : message), result_(result), status_(status) {}
 
 CliError CliError::FromResult(kelcore::Result result, const std::string& message) {
+  // The code also covers local failures (a write to disk); this text is the server's refusal.
+  if (result == kelcore::kErrorOperationFailed && message == "Streaming GET failure") {
+    return CliError(result, message, kExitNetwork);
+  }
   return CliError(result, message, ExitStatusForResult(result));
 }
 
