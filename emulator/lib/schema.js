@@ -167,10 +167,14 @@ function decodeCursor(cursor, scope, total) {
   return index;
 }
 
+// A non-positive `first` asks for no nodes at all: count queries and the folder query's unwanted
+// kind send 0 and read only totalCount. The cursor is still checked, and hasNextPage says
+// whether anything follows the position asked about; there is no last node, so no endCursor.
 function paginate(items, page, scope) {
   const { first, after } = page;
-  if (first < 0 || first > MAX_PAGE) throw badInput(`page.first must be between 0 and ${MAX_PAGE}, got ${first}`);
+  if (first > MAX_PAGE) throw badInput(`page.first must be at most ${MAX_PAGE}, got ${first}`);
   const start = after == null ? 0 : decodeCursor(after, scope, items.length) + 1;
+  if (first <= 0) return { nodes: [], totalCount: items.length, pageInfo: { endCursor: null, hasNextPage: start < items.length } };
   const nodes = items.slice(start, start + first);
   return {
     nodes,

@@ -101,8 +101,9 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     await errorOf(Q.WorkspaceCountByAccountID, { accountID: data.accountIds[0], page: { first: '0' } });
     await errorOf(Q.GetAssetCountsByFolderID, { page: { first: 0 }, queryFiles: { assetType: 'FILES', folderId: data.rootFolderIds[0] }, queryFolders: { assetType: 'FOLDER', folderId: data.rootFolderIds[0] } });
     const pageOf = (first, after) => ({ accountID: data.accountIds[0], page: after === undefined ? { first } : { first, after } });
-    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(-1))).errors[0].message, /first/);
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1001))).errors[0].message, /first/);
     assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1, 'garbage!'))).errors[0].message, /invalid cursor/);
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(0, 'garbage!'))).errors[0].message, /invalid cursor/);
     // A real cursor of another list is refused too.
     const other = (await ok(Q.WorkspacesByAccountID, { accountID: data.accountIds[1], page: { first: 1 } })).account.workspaces.pageInfo.endCursor;
     assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1, other))).errors[0].message, /invalid cursor/);
@@ -117,6 +118,21 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     assert.ok(JSON.parse(notJson.body).errors[0].message);
     assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser }), 'text/plain')).status, 415);
     assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser, variables: [1] }))).status, 400);
+  });
+
+  it('answers a non-positive page size with an empty page and the full count', async () => {
+    const account = data.accounts[0];
+    const text = 'query($a: ID!, $p: PageInput!) { account(accountId: $a) { workspaces(page: $p) { nodes { id } pageInfo { endCursor hasNextPage } totalCount } } }';
+    const cursorAt = async (n) => (await ok(text, { a: account.id, p: { first: n } })).account.workspaces.pageInfo.endCursor;
+    const afterFirst = await cursorAt(1);
+    const afterLast = await cursorAt(account.workspaces.length);
+    for (const [first, after, hasNextPage] of [[0, undefined, true], [-3, undefined, true], [0, afterFirst, true], [-1, afterLast, false]]) {
+      const page = (await ok(text, { a: account.id, p: after === undefined ? { first } : { first, after } })).account.workspaces;
+      assert.deepEqual(page, { nodes: [], pageInfo: { endCursor: null, hasNextPage }, totalCount: account.workspaces.length }, `${first} ${after}`);
+    }
+    const empty = data.folders.find((f) => f.fileCount === 0);
+    const files = await ok(Q.GetFilesAndFolders, { pageFiles: { first: 0 }, pageFolders: { first: 0 }, queryFiles: { assetType: 'FILE', folderId: empty.id }, queryFolders: { assetType: 'FOLDER', folderId: empty.id } });
+    assert.deepEqual(files.files, { nodes: [], pageInfo: { endCursor: null, hasNextPage: false } });
   });
 
   it('shows a user only the accounts they belong to', async () => {
