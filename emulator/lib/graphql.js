@@ -1,5 +1,6 @@
 'use strict';
 
+const { isUtf8 } = require('node:buffer');
 const { parse, validate, execute, specifiedRules, GraphQLError } = require('graphql');
 const { createSchema } = require('./schema');
 const { KNOWN_QUERIES } = require('./knownQueries');
@@ -29,6 +30,23 @@ function json(status, value, extraHeaders = {}) {
     headers: { 'content-type': 'application/json; charset=utf-8', 'cache-control': 'no-store', ...extraHeaders },
     body: Buffer.from(JSON.stringify(value)),
   };
+}
+
+// The body must be JSON by its declared type, not by a name that looks like it: the media type
+// exactly application/json (any letter case), parameters well-formed, and JSON is UTF-8, so a
+// charset parameter can only say that.
+const TOKEN = "[!#$%&'*+.^_`|~0-9A-Za-z-]+";
+const JSON_CONTENT_TYPE = new RegExp(`^application/json[ \\t]*((;[ \\t]*${TOKEN}=(${TOKEN}|"(?:[^"\\\\]|\\\\.)*")[ \\t]*)*)$`, 'i');
+const PARAMETER = new RegExp(`(${TOKEN})=(${TOKEN}|"(?:[^"\\\\]|\\\\.)*")`, 'g');
+
+function isJsonContentType(value) {
+  const m = JSON_CONTENT_TYPE.exec(value);
+  if (!m) return false;
+  for (const [, name, raw] of m[1].matchAll(PARAMETER)) {
+    const v = raw.startsWith('"') ? raw.slice(1, -1).replace(/\\(.)/g, '$1') : raw;
+    if (name.toLowerCase() === 'charset' && v.toLowerCase() !== 'utf-8') return false;
+  }
+  return true;
 }
 
 const UNAUTHENTICATED = { errors: [{ message: 'unauthenticated' }] };
@@ -72,8 +90,10 @@ class GraphqlEndpoint {
     return op && op.name ? op.name.value : null;
   }
 
-  // The request body as JSON, or undefined when it is not JSON.
+  // The request body as JSON, or undefined when it is not JSON. Bytes that are not UTF-8 would
+  // decode to replacement characters and slip through, so they make the body invalid.
   static parseBody(rawBody) {
+    if (!isUtf8(rawBody)) return undefined;
     try {
       return JSON.parse(rawBody.toString('utf8'));
     } catch {
@@ -86,7 +106,7 @@ class GraphqlEndpoint {
   handle(req, body) {
     if (req.method !== 'POST') return json(405, { errors: [{ message: 'use POST' }] }, { allow: 'POST' });
     const type = String(req.headers['content-type'] || '');
-    if (!/^application\/json\s*(;|$)/i.test(type)) {
+    if (!isJsonContentType(type)) {
       return json(415, { errors: [{ message: `content-type must be application/json, got ${JSON.stringify(type)}` }] });
     }
     if (body === undefined) return json(400, { errors: [{ message: 'request body is not valid JSON' }] });
@@ -137,4 +157,4 @@ class GraphqlEndpoint {
   }
 }
 
-module.exports = { GraphqlEndpoint, identifyQuery, json };
+module.exports = { GraphqlEndpoint, identifyQuery, isJsonContentType, json };

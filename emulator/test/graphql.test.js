@@ -112,12 +112,29 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     assert.deepEqual(missing.data, { account: null });
     assert.match(missing.errors[0].message, /^not found/);
 
-    const raw = (body, type = 'application/json') => emu.request('api', 'POST', '/graphql', { headers: { 'content-type': type, authorization: `Bearer ${token}` }, body });
+    const raw = (body, type = 'application/json') => emu.request('api', 'POST', '/graphql', { headers: { ...(type === null ? {} : { 'content-type': type }), authorization: `Bearer ${token}` }, body });
     const notJson = await raw('{"query": ');
     assert.equal(notJson.status, 400);
     assert.ok(JSON.parse(notJson.body).errors[0].message);
-    assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser }), 'text/plain')).status, 415);
     assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser, variables: [1] }))).status, 400);
+    // Valid JSON except for one Latin-1 byte in a string: a decoder that substitutes would accept it.
+    assert.equal((await raw(Buffer.concat([Buffer.from('{"query": "{ me { id } }", "x": "'), Buffer.from([0xe9]), Buffer.from('"}')]))).status, 400);
+    const unknownOperation = await raw(JSON.stringify({ query: Q.GetDownloadURL, variables: { assetID: data.videoAsset.id }, operationName: 'GetDownloadUrl' }));
+    assert.deepEqual([unknownOperation.status, JSON.parse(unknownOperation.body).data], [200, undefined]);
+    assert.match(JSON.parse(unknownOperation.body).errors[0].message, /GetDownloadUrl/);
+  });
+
+  it('takes only a JSON content type', async () => {
+    const body = JSON.stringify({ query: Q.CurrentUser });
+    for (const [type, status] of [
+      ['application/json', 200], ['application/json; charset=utf-8', 200], ['Application/JSON;Charset="UTF-8"', 200], ['application/json ; v=1', 200],
+      ['application/jsonx', 415], ['application/json-patch+json', 415], ['text/json', 415], ['application/x-www-form-urlencoded', 415],
+      ['text/plain', 415], ['application/json; charset=iso-8859-1', 415], ['application/json;', 415], ['application/json, text/plain', 415], [null, 415],
+    ]) {
+      const res = await emu.request('api', 'POST', '/graphql', { headers: { ...(type === null ? {} : { 'content-type': type }), authorization: `Bearer ${token}` }, body });
+      assert.equal(res.status, status, String(type));
+      assert.ok(JSON.parse(res.body)[status === 200 ? 'data' : 'errors'], String(type));
+    }
   });
 
   it('answers a non-positive page size with an empty page and the full count', async () => {
