@@ -56,11 +56,11 @@ const DOC_CACHE_LIMIT = 2000;
 const DOC_CACHE_MAX_LENGTH = 64 * 1024;
 
 class GraphqlEndpoint {
-  constructor({ dataset, tokens, log }) {
+  constructor({ dataset, tokens, mediaUrl, log }) {
     this.schema = createSchema();
     this.dataset = dataset;
     this.tokens = tokens;
-    this.mediaBase = '';
+    this.mediaUrl = mediaUrl;
     this.log = log;
     // Parsing and validating the same few texts again and again is most of the cost of a
     // request under load; a document's validity does not change, so keep the verdict.
@@ -131,7 +131,7 @@ class GraphqlEndpoint {
       document,
       variableValues: body.variables || {},
       operationName: body.operationName || undefined,
-      contextValue: { dataset: this.dataset, user, mediaBase: this.mediaBase },
+      contextValue: { dataset: this.dataset, user, mediaUrl: this.mediaUrl },
     });
     const out = {};
     if (result.errors) out.errors = result.errors.map((e) => e.toJSON());

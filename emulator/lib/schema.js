@@ -186,7 +186,7 @@ function paginate(items, page, scope) {
   };
 }
 
-// Context of one request: {dataset, user, mediaBase}.
+// Context of one request: {dataset, user, mediaUrl(path) → signed link}.
 function account(ctx, id) {
   const a = ctx.dataset.accounts.get(id);
   if (!a || !ctx.dataset.canSee(ctx.user, a.id)) throw notFound('account', id);
@@ -225,7 +225,7 @@ function createSchema() {
       },
     },
     AuthenticatedUser: {
-      profileImageUrl: (user, _args, ctx) => `${ctx.mediaBase}/media/${user.id}/avatar.jpg`,
+      profileImageUrl: (user, _args, ctx) => ctx.mediaUrl(`/media/${user.id}/avatar.jpg`),
       accounts: (user, { page }, ctx) => {
         const nodes = user.accountIds.map((id) => ({ account: ctx.dataset.accounts.get(id), role: 'OWNER' }));
         return paginate(nodes, page, `acc:${user.id}`);
@@ -244,9 +244,9 @@ function createSchema() {
     VideoAsset: {
       fileSize: (v) => v.size,
       media: (v, _args, ctx) => ({
-        original: { downloadUrl: `${ctx.mediaBase}/media/${v.id}/original.mp4`, fileSize: v.size, contentType: 'video/mp4' },
+        original: { downloadUrl: ctx.mediaUrl(`/media/${v.id}/original.mp4`), fileSize: v.size, contentType: 'video/mp4' },
       }),
-      thumbnailImageUrl: (v, _args, ctx) => ({ url: `${ctx.mediaBase}/media/${v.id}/thumbnail.jpg` }),
+      thumbnailImageUrl: (v, _args, ctx) => ({ url: ctx.mediaUrl(`/media/${v.id}/thumbnail.jpg`) }),
     },
   };
   for (const [typeName, fields] of Object.entries(resolvers)) {

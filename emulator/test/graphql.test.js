@@ -4,6 +4,7 @@ const assert = require('node:assert/strict');
 const { describe, it, before, after } = require('node:test');
 const { startEmulator } = require('../harness');
 const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
+const { expectedBytes } = require('../lib/media');
 
 const GUID = /^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}$/;
 
@@ -32,8 +33,10 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     const root = ws.projects[0].rootAssetId;
     const video = data.videoAsset;
 
-    const me = (await ok(Q.CurrentUser)).me;
-    assert.deepEqual(me, { ...data.user, __typename: 'AuthenticatedUser', profileImageUrl: `https://media${suffix}/media/${data.user.id}/avatar.jpg` });
+    const signedLink = (path) => new RegExp(`^https://media${suffix.replace(/\./g, '\\.')}${path}\\?expires=\\d+&signature=[0-9a-f]{64}$`);
+    const { profileImageUrl, ...me } = (await ok(Q.CurrentUser)).me;
+    assert.deepEqual(me, { ...data.user, __typename: 'AuthenticatedUser' });
+    assert.match(profileImageUrl, signedLink(`/media/${data.user.id}/avatar.jpg`));
 
     const accounts = (await ok(Q.Accounts, { page: { first: 100 } })).me.accounts.nodes.map((n) => n.account);
     assert.deepEqual(accounts.map((a) => a.id), data.accountIds);
@@ -65,12 +68,16 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     const counts = await ok(Q.GetAssetCountsByFolderID, { page: { first: 0 }, queryFiles: filter('FILE'), queryFolders: filter('FOLDER') });
     assert.deepEqual(counts, { files: { totalCount: rootInfo.fileCount }, folders: { totalCount: rootInfo.folderCount } });
 
-    assert.equal((await ok(Q.GetDownloadURL, { assetID: video.id })).asset.media.original.downloadUrl, `https://media${suffix}/media/${video.id}/original.mp4`);
-    assert.equal((await ok(Q.ThumbnailImageUrl, { assetID: video.id })).asset.thumbnailImageUrl.url, `https://media${suffix}/media/${video.id}/thumbnail.jpg`);
+    const downloadUrl = (await ok(Q.GetDownloadURL, { assetID: video.id })).asset.media.original.downloadUrl;
+    assert.match(downloadUrl, signedLink(`/media/${video.id}/original.mp4`));
+    assert.match((await ok(Q.ThumbnailImageUrl, { assetID: video.id })).asset.thumbnailImageUrl.url, signedLink(`/media/${video.id}/thumbnail.jpg`));
+    const { pathname, search } = new URL(downloadUrl);
+    const media = await emu.request('media', 'GET', pathname + search, { headers: { range: 'bytes=5-9' } });
+    assert.deepEqual([media.status, media.body], [206, expectedBytes(5, video.seed, 5)]);
     // A folder id is a valid asset, just not a video: the fragment selects nothing.
     assert.deepEqual((await ok(Q.GetDownloadURL, { assetID: root })).asset, {});
 
-    const log = (await emu.requests()).map((e) => e.graphql.known);
+    const log = (await emu.requests()).filter((e) => e.path === '/graphql').map((e) => e.graphql.known);
     assert.deepEqual(log, ['CurrentUser', 'Accounts', 'WorkspacesByAccountID', 'WorkspacesByAccountID', 'WorkspaceCountByAccountID',
       'ProjectsByWorkspaceID', 'ProjectCountByWorkspaceID', 'GetFilesAndFolders', 'GetAssetCountsByFolderID', 'GetDownloadURL', 'ThumbnailImageUrl', 'GetDownloadURL']);
     assert.equal(Object.keys(Q).length, 10);
