@@ -68,7 +68,11 @@ void EmulatorCommands::Demo(CommandContext& context) {
   Set("XDG_DATA_HOME", (temp.Path() / "data").string());
   Set("XDG_CONFIG_HOME", (temp.Path() / "config").string());
   Set("OSTRIO_BIN", SelfPath());
-  Set("OSTRIOLIB_BROWSER", "'" + (std::filesystem::path(OSTRIO_TOOLS_DIR) / "approve-signin").string() + "' %u");
+  const auto approve = EmulatorLauncher::SourceFile("tools/ostrio/approve-signin");
+  if (approve.empty()) {
+    throw CliError(kelcore::kErrorFailed, "cannot find tools/ostrio/approve-signin; set OSTRIO_SOURCE_DIR", kExitFailure);
+  }
+  Set("OSTRIOLIB_BROWSER", "'" + approve.string() + "' %u");
 
   Heading("Signing in through the browser redirect (the emulator's page approves by itself)");
   SessionCommands::Login(context, false, 60);

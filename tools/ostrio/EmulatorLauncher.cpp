@@ -42,9 +42,32 @@ bool WaitExit(pid_t pid, std::chrono::milliseconds limit) {
 
 }  // namespace
 
+std::filesystem::path EmulatorLauncher::SourceFile(const std::string& relative) {
+  std::error_code error;
+  if (const char* root = std::getenv("OSTRIO_SOURCE_DIR"); root && *root) {
+    const auto candidate = std::filesystem::path(root) / relative;
+    return std::filesystem::exists(candidate, error) ? candidate : std::filesystem::path();
+  }
+  std::filesystem::path dir = std::filesystem::read_symlink("/proc/self/exe", error).parent_path();
+  // build/<preset>/tools/ostrio/ostrio sits four folders below the tree; a few more allow for
+  // other build folders inside it.
+  for (int up = 0; !error && up < 8 && !dir.empty(); ++up) {
+    const auto candidate = dir / relative;
+    if (std::filesystem::exists(candidate, error)) return candidate;
+    if (dir == dir.parent_path()) break;
+    dir = dir.parent_path();
+  }
+  return {};
+}
+
 std::filesystem::path EmulatorLauncher::Directory() {
   if (const char* dir = std::getenv("OSTRIO_EMULATOR_DIR"); dir && *dir) return dir;
-  return std::filesystem::path(OSTRIO_SOURCE_DIR) / "emulator";
+  const auto run = SourceFile("emulator/run");
+  if (run.empty()) {
+    throw CliError(kelcore::kErrorFailed,
+                   "cannot find the emulator (emulator/run of the source tree); set OSTRIO_EMULATOR_DIR", kExitFailure);
+  }
+  return run.parent_path();
 }
 
 std::string EmulatorLauncher::ExecForeground(const std::vector<std::string>& arguments) {

@@ -14,7 +14,13 @@ namespace ostrio {
 
 class EmulatorLauncher {
  public:
-  // The emulator's folder: $OSTRIO_EMULATOR_DIR, else the source tree's emulator/.
+  // A file of the source tree the binary was built in (relative, e.g. "emulator/run"): under
+  // $OSTRIO_SOURCE_DIR if set, else under the nearest folder above the executable that has it
+  // (builds live in build/<preset> inside the tree; no build path is compiled in). Empty when
+  // there is none (an installed binary).
+  static std::filesystem::path SourceFile(const std::string& relative);
+  // The emulator's folder: $OSTRIO_EMULATOR_DIR, else the source tree's emulator/; throws
+  // CliError when there is none.
   static std::filesystem::path Directory();
   // Replaces this process by the emulator in the foreground (`ostrio emulator`); returns only on
   // failure, with the reason.
