@@ -23,6 +23,7 @@ let emulator;
 let env;
 let home;
 let browser;
+let loginChild;
 
 before(async () => {
   emulator = await startEmulator();
@@ -36,6 +37,7 @@ before(async () => {
 });
 
 after(async () => {
+  if (loginChild && loginChild.exitCode === null) loginChild.kill('SIGKILL');
   if (browser) await browser.close();
   if (emulator) await emulator.stop();
   if (home) fs.rmSync(home, { recursive: true, force: true });
@@ -61,8 +63,9 @@ function startLogin() {
 
 test('a person signs in in Chromium and the scheme redirect signs ostrio in', async () => {
   const login = startLogin();
+  loginChild = login.child;
   const address = await login.address;
-  assert.match(address, /auth_callback=ostrio-cli%3A%2F%2Fostrio/);
+  assert.match(address, /auth_callback=ostrio-cli(:\/\/|%3A%2F%2F)ostrio$/);
 
   const context = await browser.newContext({ ignoreHTTPSErrors: true });
   const page = await context.newPage();

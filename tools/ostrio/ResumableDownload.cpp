@@ -62,9 +62,18 @@ std::filesystem::path ResumableDownload::RecordPath(const std::filesystem::path&
 }
 
 bool ResumableDownload::WriteRecord(const std::filesystem::path& target, std::uint64_t totalBytes) {
-  std::ofstream out(RecordPath(target), std::ios::trunc);
-  out << "size=" << totalBytes << "\n";
-  return static_cast<bool>(out);
+  // Whole or not at all: the process may be stopped at any moment of a download.
+  const std::filesystem::path record = RecordPath(target);
+  const std::filesystem::path partial(record.string() + ".new");
+  {
+    std::ofstream out(partial, std::ios::trunc);
+    out << "size=" << totalBytes << "\n";
+    out.close();
+    if (!out) return false;
+  }
+  std::error_code error;
+  std::filesystem::rename(partial, record, error);
+  return !error;
 }
 
 bool ResumableDownload::ReadRecord(const std::filesystem::path& target, std::uint64_t& totalBytes) {
