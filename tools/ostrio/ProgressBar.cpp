@@ -62,7 +62,7 @@ std::string ProgressBar::Render(std::uint64_t bytes, std::uint64_t total, double
   char percent[8];
   std::snprintf(percent, sizeof percent, "%3d%% ", static_cast<int>(fraction * 100));
   const std::size_t used = std::string(percent).size() + 3 + tail.size();
-  const std::size_t barWidth = width > used + 10 ? std::min<std::size_t>(width - used, 40) : 10;
+  const std::size_t barWidth = width > used + 11 ? std::min<std::size_t>(width - used - 1, 40) : 10;
   const auto filled = static_cast<std::size_t>(fraction * static_cast<double>(barWidth));
   return std::string(percent) + "[" + std::string(filled, '#') + std::string(barWidth - filled, '.') + "] " + tail;
 }
