@@ -213,3 +213,77 @@ test('logout signs out once; a second logout fails with the library\'s code', as
   assert.equal(again.code, 3);
   assert.match(again.stderr, /\(0xBB590002\)\n$/);
 });
+
+test('one login waits at a time, and the redirect reaches the one that waits', async () => {
+  const waiting = spawn(OSTRIO, ['--json', 'login', '--no-browser', '--timeout', '60'], { env });
+  let stdout = '';
+  let stderr = '';
+  waiting.stdout.setEncoding('utf8').on('data', (d) => { stdout += d; });
+  const exited = new Promise((resolve) => waiting.on('close', resolve));
+  const address = await new Promise((resolve, reject) => {
+    waiting.stderr.setEncoding('utf8').on('data', (d) => {
+      stderr += d;
+      const found = stderr.match(/https:\/\/accounts\S+/);
+      if (found) resolve(found[0]);
+    });
+    exited.then(() => reject(new Error(`login ended early: ${stderr}`)));
+  });
+  const second = await ostrio(env, ['login', '--no-browser']);
+  assert.equal(second.code, 1);
+  assert.match(second.stderr, /another `ostrio login` is already waiting/);
+
+  const target = new URL(address);
+  const approved = await emulator.request('accounts', 'GET', `${target.pathname}${target.search}&approve=1&email=sam@example.com`);
+  assert.equal(approved.status, 302);
+  const handed = await ostrio(env, ['callback', approved.headers.location]);
+  assert.equal(handed.code, 0, handed.stderr);
+  assert.equal(await exited, 0, stderr);
+  assert.equal(JSON.parse(stdout).email, 'sam@example.com');
+});
+
+test('short-lived tokens: each run refreshes, the rotated refresh token is kept, no token is ever logged', async () => {
+  const shortLived = await startEmulator(['--token-lifetime', '600']);
+  const { env: quick, home: quickHome } = cliEnvironment(shortLived, { OSTRIOLIB_LOG: 'trace' });
+  try {
+    let logged = (await ostrio(quick, ['login'])).stderr;
+    for (let run = 0; run < 3; run++) {
+      const me = await ostrio(quick, ['--json', 'whoami']);
+      assert.equal(me.code, 0, me.stderr);
+      logged += me.stderr + me.stdout;
+    }
+    // login's own user query refreshed too: four runs, four refreshes, each with the token the
+    // run before it stored.
+    const refreshes = (await shortLived.requests()).filter((r) => r.path.startsWith('/v2/auth/refresh_tokens/'));
+    assert.equal(refreshes.length, 4);
+    assert.ok(refreshes.every((r) => r.status === 200));
+    const refreshTokens = refreshes.map((r) => r.path.split('/')[4]);
+    assert.equal(new Set(refreshTokens).size, 4);
+    const token = (await ostrio(quick, ['token'])).stdout.trim();
+    assert.ok(token.length > 20);
+    for (const secret of [token, ...refreshTokens]) assert.ok(!logged.includes(secret), 'a token reached the output');
+  } finally {
+    await shortLived.stop();
+    fs.rmSync(quickHome, { recursive: true, force: true });
+  }
+});
+
+test('a folder of 10 000 files and 250 folders: ls --all and tree walk both cursors to the end', async () => {
+  const large = await startEmulator(['--dataset', 'large']);
+  const { env: big, home: bigHome } = cliEnvironment(large);
+  try {
+    assert.equal((await ostrio(big, ['login'])).code, 0);
+    const { largeFolder } = await large.data();
+    const all = await ostrioJson(big, ['ls', largeFolder.id, '--folders-first', '100', '--files-first', '1000', '--all']);
+    assert.equal(new Set(all.folders).size, largeFolder.folderCount);
+    assert.equal(new Set(all.files).size, largeFolder.fileCount);
+    assert.equal(all.folders.length + all.files.length, largeFolder.folderCount + largeFolder.fileCount);
+    const tree = await ostrioJson(big, ['tree', largeFolder.id]);
+    assert.equal(tree.folderCount, largeFolder.folderCount);
+    assert.equal(tree.files.length, largeFolder.fileCount);
+    assert.equal(tree.fileCount, largeFolder.fileCount + 1);  // and the feature film in folder-001
+  } finally {
+    await large.stop();
+    fs.rmSync(bigHome, { recursive: true, force: true });
+  }
+});
+
