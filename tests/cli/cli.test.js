@@ -260,6 +260,7 @@ test('short-lived tokens: each run refreshes, the rotated refresh token is kept,
     assert.equal(new Set(refreshTokens).size, 4);
     const token = (await ostrio(quick, ['token'])).stdout.trim();
     assert.ok(token.length > 20);
+    assert.match(logged, /^trace /m);
     for (const secret of [token, ...refreshTokens]) assert.ok(!logged.includes(secret), 'a token reached the output');
   } finally {
     await shortLived.stop();
