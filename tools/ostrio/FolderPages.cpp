@@ -15,6 +15,7 @@ struct Walk {
   bool foldersDone = false;
   bool filesDone = false;
   ostriolib::Assets merged;
+  kelcore::async::Promise<ostriolib::Assets> result;
 };
 
 // One kind's page: appended while the kind is still walking; true when the kind is done.
@@ -29,19 +30,27 @@ void Take(std::vector<kelcore::utility::Guid>& into, const std::vector<kelcore::
   done = next.empty();
 }
 
-kelcore::async::Future<ostriolib::Assets> Next(const std::shared_ptr<Walk>& walk) {
+// Each page's continuation asks for the next page or completes the walk's one promise: no future
+// waits on another, so a walk of many small pages builds no chain (and no deep unwinding).
+void Next(const std::shared_ptr<Walk>& walk) {
   static const kelcore::U8Str kNone;
-  return walk->client
+  walk->client
       ->GetFolderAssets(walk->folder, walk->foldersDone ? 1 : walk->foldersFirst,
                         walk->foldersDone ? kNone : walk->foldersAfter, walk->filesDone ? 1 : walk->filesFirst,
                         walk->filesDone ? kNone : walk->filesAfter)
-      .ThenOnSuccess([walk](const kelcore::classref::InterfaceRef<ostriolib::OstrioAssets>& resource)
-                         -> kelcore::async::Future<ostriolib::Assets> {
-        const ostriolib::Assets page = resource->GetFolderAssets();
-        Take(walk->merged.folders, page.folders, walk->foldersAfter, page.foldersCursor, walk->foldersDone);
-        Take(walk->merged.files, page.files, walk->filesAfter, page.filesCursor, walk->filesDone);
-        if (walk->foldersDone && walk->filesDone) return kelcore::async::MakeReadyFuture(walk->merged);
-        return Next(walk);
+      .Then([walk](const kelcore::async::Future<kelcore::classref::InterfaceRef<ostriolib::OstrioAssets>>& done) {
+        try {
+          const ostriolib::Assets page = done.Get()->GetFolderAssets();
+          Take(walk->merged.folders, page.folders, walk->foldersAfter, page.foldersCursor, walk->foldersDone);
+          Take(walk->merged.files, page.files, walk->filesAfter, page.filesCursor, walk->filesDone);
+          if (walk->foldersDone && walk->filesDone) {
+            walk->result.SetValue(std::move(walk->merged));
+          } else {
+            Next(walk);
+          }
+        } catch (...) {
+          walk->result.SetException(std::current_exception());
+        }
       });
 }
 
@@ -58,7 +67,8 @@ kelcore::async::Future<ostriolib::Assets> FolderPages::FetchAll(const std::share
   walk->filesFirst = filesFirst;
   walk->foldersAfter = kelcore::ToU8Str(foldersAfter);
   walk->filesAfter = kelcore::ToU8Str(filesAfter);
-  return Next(walk);
+  Next(walk);
+  return walk->result.GetFuture();
 }
 
 }  // namespace ostrio
