@@ -16,6 +16,14 @@ const RUN_LIMIT_MS = 120000;
 
 if (!OSTRIO) throw new Error('OSTRIO_BIN must name the ostrio binary');
 
+// Sanitizer builds: the binary runs with the options the test preset gives; the slow unwinder
+// gives leak reports the whole stack, so lsan.supp can name a frame deep inside OpenSSL.
+function sanitizerOptions() {
+  const options = Object.fromEntries(Object.entries(process.env).filter(([name]) => /^(A|UB|L|T)SAN_OPTIONS$/.test(name)));
+  if (options.ASAN_OPTIONS !== undefined) options.ASAN_OPTIONS += ':fast_unwind_on_malloc=0';
+  return options;
+}
+
 // A private home for one suite: the library's state (file credential store), the desktop files
 // the scheme registration writes, and the emulator it talks to.
 function cliEnvironment(emulator, extra = {}) {
@@ -32,6 +40,7 @@ function cliEnvironment(emulator, extra = {}) {
     OSTRIOLIB_KEYCHAIN: 'file',
     OSTRIOLIB_BROWSER: `${APPROVE} %u`,
     OSTRIO_BIN: OSTRIO,
+    ...sanitizerOptions(),
     ...extra,
   };
   return { home, env };
