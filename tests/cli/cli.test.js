@@ -40,6 +40,7 @@ test('bad input is refused with exit status 2 before any request is sent', async
     [['projects', '1234'], /WORKSPACE must be an id/],
     [['workspaces', id, '--first', '0'], /--first must be at least 1/],
     [['ls', id, '--files-first', '-3'], /--files-first must be at least 1/],
+    [['ls', id, '--folders-after', 'x'.repeat(5000)], /--folders-after must be a cursor/],
     [['download', id, '-o', path.join(home, 'no-such-folder', 'x.mp4')], /does not exist/],
     [['download', id, '-o', folder], /it is a folder/],
     [['get', 'ftp://media.example/x', '-o', path.join(home, 'x')], /http\(s\) address/],

@@ -23,6 +23,17 @@ int ArgumentChecks::PageSize(const std::string& option, int value) {
   return value;
 }
 
+std::string ArgumentChecks::Cursor(const std::string& option, const std::string& text) {
+  // Cursors are short opaque tokens; anything this long or with control characters is a paste gone wrong.
+  constexpr std::size_t kMaxCursorBytes = 4096;
+  bool printable = true;
+  for (unsigned char c : text) printable = printable && c >= 0x20 && c != 0x7F;
+  if (text.size() > kMaxCursorBytes || !printable) {
+    throw CliError::Usage(option + " must be a cursor from an earlier page (printable, at most 4 KiB)");
+  }
+  return text;
+}
+
 std::filesystem::path ArgumentChecks::WritableFile(const std::string& text) {
   if (text.empty()) throw CliError::Usage("the output path is empty");
   std::error_code error;

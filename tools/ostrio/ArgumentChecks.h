@@ -16,6 +16,8 @@ class ArgumentChecks {
   static kelcore::utility::Guid Id(const std::string& what, const std::string& text);
   // A page size: at least 1.
   static int PageSize(const std::string& option, int value);
+  // A page cursor as the service handed it out: printable, at most 4 KiB.
+  static std::string Cursor(const std::string& option, const std::string& text);
   // A file the command may create or replace: its folder exists and is writable, and the path
   // is not a folder. Returns the absolute path.
   static std::filesystem::path WritableFile(const std::string& text);

@@ -13,8 +13,9 @@
 namespace ostrio {
 namespace {
 
-// Free queries carry their variables on the command line; no sane set comes near this.
+// Free queries come on the command line; no sane document or set of variables comes near this.
 constexpr std::size_t kMaxVariablesBytes = 1024 * 1024;
+constexpr std::size_t kMaxDocumentBytes = 1024 * 1024;
 
 bool ShowProgress(const CommandContext& context) { return !context.Json() && ::isatty(STDERR_FILENO) == 1; }
 
@@ -128,6 +129,7 @@ kelcore::utility::Dictionary MediaCommands::ParseVariables(const std::string& va
 void MediaCommands::Query(CommandContext& context, const std::string& document, const std::string& variablesJson) {
   const auto variables = ParseVariables(variablesJson);
   if (document.find_first_not_of(" \t\r\n") == std::string::npos) throw CliError::Usage("the query document is empty");
+  if (document.size() > kMaxDocumentBytes) throw CliError::Usage("the query document is larger than 1 MiB");
   context.RequireSignedIn();
   const auto resource = context.Await(context.Client()->RunQuery(kelcore::ToU8Str(document), variables));
   CommandContext::PrintJson(resource->GetDictionary());

@@ -34,8 +34,8 @@ struct PageOptions {
   int first = 100;
   std::string after;
   bool all = false;
-  PageRequest Checked(const std::string& option) const {
-    return PageRequest{ArgumentChecks::PageSize(option, first), after, all};
+  PageRequest Checked(const std::string& firstOption, const std::string& afterOption) const {
+    return PageRequest{ArgumentChecks::PageSize(firstOption, first), ArgumentChecks::Cursor(afterOption, after), all};
   }
 };
 
@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
   AddPageOptions(workspaces, workspacePage);
   workspaces->callback([&] {
     const auto account = ArgumentChecks::Id("ACCOUNT", accountText);
-    const auto page = workspacePage.Checked("--first");
+    const auto page = workspacePage.Checked("--first", "--after");
     run = [account, page](CommandContext& c) { BrowseCommands::Workspaces(c, account, page); };
   });
 
@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
   AddPageOptions(projects, projectPage);
   projects->callback([&] {
     const auto workspace = ArgumentChecks::Id("WORKSPACE", workspaceText);
-    const auto page = projectPage.Checked("--first");
+    const auto page = projectPage.Checked("--first", "--after");
     run = [workspace, page](CommandContext& c) { BrowseCommands::Projects(c, workspace, page); };
   });
 
@@ -136,8 +136,8 @@ int main(int argc, char** argv) {
   ls->add_flag("--all", lsAll, "walk every page of both kinds and print them merged");
   ls->callback([&] {
     const auto folder = ArgumentChecks::Id("FOLDER", folderText);
-    auto folders = folderPage.Checked("--folders-first");
-    auto files = filePage.Checked("--files-first");
+    auto folders = folderPage.Checked("--folders-first", "--folders-after");
+    auto files = filePage.Checked("--files-first", "--files-after");
     folders.all = files.all = lsAll;
     run = [folder, folders, files](CommandContext& c) { BrowseCommands::List(c, folder, folders, files); };
   });
