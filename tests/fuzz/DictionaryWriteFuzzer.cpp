@@ -211,7 +211,7 @@ class Builder {
   Built Object(int depth) {
     Dictionary object;
     Model model = Of(Kind::Object);
-    if (input_.ConsumeBool()) {
+    if (depth < 12 && input_.ConsumeBool()) {
       // Written into after parsing: the parsed members stay, the changes go on top.
       Built base = Object(depth + 1);
       const std::string text = JSONWrite(base.value);
