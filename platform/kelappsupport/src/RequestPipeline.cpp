@@ -126,6 +126,11 @@ void RequestPipeline::SetAuthorizedHosts(std::vector<std::string> hostSuffixes) 
   authorizedHosts_ = std::move(hostSuffixes);
 }
 
+void RequestPipeline::SetCABundle(std::string path) {
+  std::lock_guard lock(mutex_);
+  caBundlePath_ = std::move(path);
+}
+
 void RequestPipeline::SetTransport(std::shared_ptr<ITransport> transport) {
   std::lock_guard lock(mutex_);
   transport_ = transport ? std::move(transport) : GetDefaultTransport();
@@ -179,6 +184,7 @@ std::shared_ptr<Exchange> RequestPipeline::Start(ExchangePlan plan, ExchangeDone
   {
     std::lock_guard lock(mutex_);
     exchange->firstStart = scheduler_->Now();
+    if (exchange->plan.configuration.caBundlePath.empty()) exchange->plan.configuration.caBundlePath = caBundlePath_;
     // Requests already waiting for this host go first; waiting requests for other hosts are
     // held by their own host's limit, not by this one's.
     const bool hostWaiting = std::any_of(queue_.begin(), queue_.end(),

@@ -86,6 +86,12 @@ int ServiceBase::ConfigureAuthorizedHosts(const std::vector<std::string>& domain
   return kelcore::kResultOK;
 }
 
+int ServiceBase::ConfigureCABundle(const std::string& path) {
+  if (path.find('\0') != std::string::npos) return kelcore::kErrorInvalidArgument;
+  pipeline_->SetCABundle(path);
+  return kelcore::kResultOK;
+}
+
 void ServiceBase::SetTransport(std::shared_ptr<ITransport> transport) { pipeline_->SetTransport(std::move(transport)); }
 
 void ServiceBase::SetRetryScheduler(std::shared_ptr<IRetryScheduler> scheduler) {

@@ -29,7 +29,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "kelcore/Configuration.h"
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
 #include "kelnet/Http.h"
@@ -112,24 +111,6 @@ bool ParseContentRange(std::string_view value, std::uint64_t& first, std::uint64
     return true;
   }
   return ParseUnsigned(totalText, total) && last < total;
-}
-
-// The debug-database key "ostriolib.cabundle". Its variable is looked at on every request; the
-// files behind it (read only when the variable is unset) at most once a second, since opening
-// them on every request would cost more than the request's own work.
-std::string DebugCaBundlePath() {
-  static const std::string variable = kelcore::config::DebugDatabase::EnvironmentNameForKey("ostriolib.cabundle");
-  if (const char* value = std::getenv(variable.c_str())) return value;
-  static std::mutex mutex;
-  static Clock::time_point readAt;
-  static std::string cached;
-  std::lock_guard lock(mutex);
-  const auto now = Clock::now();
-  if (readAt == Clock::time_point() || now - readAt > std::chrono::seconds(1)) {
-    cached = kelcore::config::DebugDatabase::Instance().GetEntry("ostriolib.cabundle", "").ToStdString();
-    readAt = now;
-  }
-  return cached;
 }
 
 // The extra CA bundle, read once per file version. The blob is handed to curl without copying,
@@ -438,8 +419,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     if (!hasContentType) request->requestHeaders = curl_slist_append(request->requestHeaders, "Content-Type:");
   }
 
-  const std::string caPath = configuration.caBundlePath.empty() ? DebugCaBundlePath() : configuration.caBundlePath;
-  if (!caPath.empty()) request->caBundle = caBundles_.Get(caPath);
+  if (!configuration.caBundlePath.empty()) request->caBundle = caBundles_.Get(configuration.caBundlePath);
 
   CURL* easy = AcquireEasy();
   if (!easy) return false;

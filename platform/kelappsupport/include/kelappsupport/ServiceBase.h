@@ -69,6 +69,11 @@ class ServiceBase : public virtual IService {
   // without the token.
   int ConfigureAuthorizedHosts(const std::vector<std::string>& domains);
 
+  // An extra CA bundle (PEM file) trusted by every request of this service whose Configuration
+  // names none; empty: the system store only. The owner decides where it comes from (a setting of
+  // its product); the platform reads none.
+  int ConfigureCABundle(const std::string& path);
+
   // Seams for tests; the defaults are kelnet's.
   void SetTransport(std::shared_ptr<ITransport> transport);
   void SetRetryScheduler(std::shared_ptr<IRetryScheduler> scheduler);

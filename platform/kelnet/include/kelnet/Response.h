@@ -43,7 +43,9 @@ struct Configuration {
   bool followRedirects = false;
   bool verifyPeer = true;  // TLS verification is never turned off: a request asking for it is refused
   bool acceptCompressed = true;  // ignored for requests that carry a Range (offsets are of the raw bytes)
-  std::string caBundlePath;  // extra CA bundle; empty: the debug-database "ostriolib.cabundle", if any
+  // An extra CA bundle (PEM) trusted besides the system store; empty: the system store only.
+  // Which bundle a product trusts is its own setting: it names it here (or through its service).
+  std::string caBundlePath;
   std::string proxy;         // empty: the environment's proxy settings
   std::string userAgent;     // empty: "ostriolib/<version>"
   std::chrono::milliseconds connectTimeout{15000};
