@@ -1,32 +1,21 @@
 #include "SegmentedDownload.h"
 
 #include <algorithm>
-#include <charconv>
 #include <optional>
 
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
+#include "kelnet/internal/HeaderParsing.h"
 
 namespace kelappsupport::cloudservice::detail {
 namespace {
 
 constexpr std::uint64_t kMinPieceBytes = 1ull << 20;
 
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-// "bytes a-b/total": the total, or nullopt when it is "*" or unreadable.
+// "bytes a-b/total": the total, or nullopt when it is "*" or the range is unreadable.
 std::optional<std::uint64_t> ContentRangeTotal(std::string_view value) {
-  const auto slash = value.rfind('/');
-  if (slash == std::string_view::npos) return std::nullopt;
-  const auto text = Trim(value.substr(slash + 1));
-  std::uint64_t total = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), total);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return total;
+  const auto range = kelnet::internal::ParseContentRange(value);
+  return range ? range->total : std::nullopt;
 }
 
 kelnet::HeaderMap::const_iterator FindHeader(const kelnet::HeaderMap& headers,

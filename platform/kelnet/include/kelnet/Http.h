@@ -29,10 +29,10 @@ using DataCallback = std::function<void(const kelcore::utility::Guid& requestId,
                                         std::size_t size, const Progress& progress, const HeaderMap& responseHeaders)>;
 
 // Starts a POST; false when it could not be started (invalid URL, malformed header, peer
-// verification turned off, transport shut down). A null body posts zero bytes. The body buffer
-// is sent in place, so every attempt of a retried request shares it.
+// verification turned off, transport shut down). A null requestBody posts zero bytes. It is sent
+// in place, so every attempt of a retried request shares it. The answer's body is the Response's.
 bool POST(const kelcore::utility::Guid& requestId, Completion completion, const kelcore::ImmutableString& url,
-          std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const HeaderMap& headers,
+          std::shared_ptr<const kelcore::allocator::RecycledMemory> requestBody, const HeaderMap& headers,
           const Configuration& configuration);
 
 // Starts a streaming GET: onData receives a 2xx body as it arrives, with each chunk's offset in
