@@ -23,6 +23,7 @@ class KelnetTransport final : public ITransport {
 class KelnetRetryScheduler final : public IRetryScheduler {
  public:
   std::chrono::steady_clock::time_point Now() override { return std::chrono::steady_clock::now(); }
+  std::chrono::system_clock::time_point WallNow() override { return std::chrono::system_clock::now(); }
   bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) override {
     return kelnet::ScheduleAfter(delay, std::move(task));
   }

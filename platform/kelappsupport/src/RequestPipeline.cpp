@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "RetryVerdict.h"
+#include "kelappsupport/ServiceBase.h"
 #include "kelcore/Executor.h"
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
@@ -249,49 +251,41 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
 
 void RequestPipeline::OnAttemptDone(const std::shared_ptr<Exchange>& exchange,
                                     const std::shared_ptr<kelnet::Response>& response) {
-  bool cancelled = false;
-  bool recoverable = false;
-  int attempts = 0;
+  FailedAttempt attempt;
+  attempt.response = response;
   RetryPolicy policy;
   std::shared_ptr<IRetryScheduler> scheduler;
   bool unauthorized = false;
   {
     std::lock_guard lock(mutex_);
     ReleaseLocked(exchange->hostKey);
-    cancelled = exchange->cancelled;
-    attempts = exchange->attempts;
+    attempt.failures = exchange->attempts;
+    attempt.firstStart = exchange->firstStart;
     policy = retryPolicy_;
     scheduler = scheduler_;
-    if (response) {
+    if (exchange->cancelled) {
+      attempt.retryable = false;
+    } else if (response) {
       const int status = response->StatusCode();
-      recoverable = std::find(recoverableStatuses_.begin(), recoverableStatuses_.end(), status) !=
-                    recoverableStatuses_.end();
+      attempt.retryable = std::find(recoverableStatuses_.begin(), recoverableStatuses_.end(), status) !=
+                          recoverableStatuses_.end();
       unauthorized = status == kelnet::kStatusUnauthorized;
     } else {
       // A streaming attempt that already delivered bytes is the download's to resume.
-      recoverable = onConnectivityError_ == 1 && !exchange->delivered;
+      attempt.retryable = onConnectivityError_ == kConnectivityErrorRetry && !exchange->delivered;
     }
   }
   Pump();
   if (unauthorized) NotifyUnauthenticated();
 
-  if (!cancelled && recoverable && attempts < policy.maxAttempts) {
-    std::optional<std::chrono::milliseconds> retryAfter;
-    if (response) {
-      retryAfter = ParseRetryAfter(response->LastHeader(kelnet::kHEADER_RETRY_AFTER.View()).View(),
-                                   std::chrono::system_clock::now());
+  const RetryVerdict verdict = JudgeAttempt(policy, attempt, *scheduler);
+  if (verdict.retry) {
+    {
+      std::lock_guard lock(mutex_);
+      exchange->state = Exchange::State::Waiting;
     }
-    if (!retryAfter || *retryAfter <= policy.maxRetryAfter) {
-      const auto delay = BackoffDelay(policy, attempts, scheduler->Jitter(), retryAfter);
-      if (scheduler->Now() + delay - exchange->firstStart <= policy.maxTotal) {
-        {
-          std::lock_guard lock(mutex_);
-          exchange->state = Exchange::State::Waiting;
-        }
-        auto self = shared_from_this();
-        if (scheduler->ScheduleAfter(delay, [self, exchange] { self->Requeue(exchange); })) return;
-      }
-    }
+    auto self = shared_from_this();
+    if (scheduler->ScheduleAfter(verdict.delay, [self, exchange] { self->Requeue(exchange); })) return;
   }
   Finish(exchange, response);
 }

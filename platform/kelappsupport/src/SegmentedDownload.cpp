@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "RetryVerdict.h"
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
 #include "kelnet/internal/HeaderParsing.h"
@@ -27,6 +28,12 @@ std::shared_ptr<kelnet::Response> Failure(int status, std::string_view reason) {
   return std::make_shared<kelnet::Response>(status, kelnet::HeaderMap{}, std::string(reason));
 }
 
+RetryPolicy ResumePolicy(RetryPolicy policy, const DownloadPolicy& download) {
+  policy.maxAttempts = download.maxResumes + 1;
+  policy.maxTotal = std::chrono::milliseconds::max();
+  return policy;
+}
+
 void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
   kelcore::logging::LogWarning("kelappsupport", std::move(message), std::move(fields));
 }
@@ -37,7 +44,7 @@ SegmentedDownload::SegmentedDownload(std::shared_ptr<RequestPipeline> pipeline, 
     : pipeline_(std::move(pipeline)),
       request_(std::move(request)),
       policy_(pipeline_->GetDownloadPolicy()),
-      retryPolicy_(pipeline_->GetRetryPolicy()) {}
+      resumePolicy_(ResumePolicy(pipeline_->GetRetryPolicy(), policy_)) {}
 
 bool SegmentedDownload::Start() {
   auto probe = std::make_shared<Piece>();
@@ -173,6 +180,8 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
   bool resume = false;
   bool fill = false;
   PiecePtr next;
+  RetryVerdict verdict;
+  const auto scheduler = pipeline_->GetScheduler();
   {
     std::lock_guard lock(mutex_);
     piece->exchange.reset();
@@ -225,7 +234,14 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
     }
     if (resume) {
       if (piece->next > piece->nextAtAttemptStart) piece->failures = 0;
-      if (++piece->failures > policy_.maxResumes) {
+      // A piece that made progress comes back at once; one that keeps failing backs off.
+      FailedAttempt attempt;
+      attempt.retryable = true;
+      attempt.failures = ++piece->failures;
+      attempt.firstStart = scheduler->Now();
+      attempt.firstRetryAtOnce = true;
+      verdict = JudgeAttempt(resumePolicy_, attempt, *scheduler);
+      if (!verdict.retry) {
         LogWarning("download gave up after repeated break-offs", {});
         cancel = FailLocked(nullptr);
         running_.erase(piece);
@@ -235,13 +251,8 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
   }
   CancelAll(cancel);
   if (resume) {
-    // A piece that made progress comes back at once; one that keeps failing backs off.
-    auto scheduler = pipeline_->GetScheduler();
-    const int failures = piece->failures;
-    const auto delay =
-        failures <= 1 ? std::chrono::milliseconds(0) : BackoffDelay(retryPolicy_, failures - 1, scheduler->Jitter());
     auto self = shared_from_this();
-    if (!scheduler->ScheduleAfter(delay, [self, piece] { self->Resume(piece); })) {
+    if (!scheduler->ScheduleAfter(verdict.delay, [self, piece] { self->Resume(piece); })) {
       std::unique_lock lock(mutex_);
       auto more = FailLocked(nullptr);
       running_.erase(piece);

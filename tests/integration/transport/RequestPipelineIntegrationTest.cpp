@@ -106,6 +106,7 @@ TEST_F(RequestPipelineIntegrationTest, RecoverableFaultsAreRetriedThenReported) 
 class RecordingScheduler : public IRetryScheduler {
  public:
   std::chrono::steady_clock::time_point Now() override { return inner->Now(); }
+  std::chrono::system_clock::time_point WallNow() override { return inner->WallNow(); }
   bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) override {
     requested.push_back(delay);
     return inner->ScheduleAfter(0ms, std::move(task));

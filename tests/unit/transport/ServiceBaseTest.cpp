@@ -142,11 +142,25 @@ TEST_F(ServiceBaseTest, RetriesStopAtTheirLimitsWithTheLastAnswer) {
   transport->Answer(transport->Take(), 200);
   EXPECT_EQ(honoured.response->StatusCode(), 200);
 
-  Outcome tooLong;
-  Post(tooLong);
-  transport->Answer(transport->Take(), 503, {{"retry-after", "3600"}});
-  ASSERT_EQ(tooLong.calls, 1);
-  EXPECT_EQ(tooLong.response->StatusCode(), 503);
+  // A date is read against the scheduler's wall clock, to the second.
+  scheduler->SetWallNow(std::chrono::system_clock::from_time_t(784111777));  // Sun, 06 Nov 1994 08:49:37 GMT
+  Outcome dated;
+  Post(dated);
+  transport->Answer(transport->Take(), 503, {{"retry-after", "Sun, 06 Nov 1994 08:50:07 GMT"}});
+  EXPECT_EQ(scheduler->delays.back(), 30000ms);
+  scheduler->RunNext();
+  transport->Answer(transport->Take(), 200);
+  EXPECT_EQ(dated.response->StatusCode(), 200);
+
+  // Waits beyond maxRetryAfter, however far off (a date past what a clock can count in
+  // nanoseconds included), end the retries at once.
+  for (const char* far : {"3600", "Fri, 31 Dec 9999 23:59:59 GMT"}) {
+    Outcome tooLong;
+    Post(tooLong);
+    transport->Answer(transport->Take(), 503, {{"retry-after", far}});
+    ASSERT_EQ(tooLong.calls, 1) << far;
+    EXPECT_EQ(tooLong.response->StatusCode(), 503);
+  }
 
   // No retry starts later than maxTotal after the first attempt.
   policy.maxAttempts = 100;

@@ -27,11 +27,13 @@ class ITransport {
   virtual void Cancel(const kelcore::utility::Guid& requestId) = 0;
 };
 
-// The clock, the timer and the dice of the retry logic.
+// The clocks, the timer and the dice of the retry logic.
 class IRetryScheduler {
  public:
   virtual ~IRetryScheduler() = default;
   virtual std::chrono::steady_clock::time_point Now() = 0;
+  // The wall clock, for a Retry-After given as a date.
+  virtual std::chrono::system_clock::time_point WallNow() = 0;
   // Runs task once delay has passed; false when it cannot (shut down): the caller then gives up.
   virtual bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) = 0;
   // Uniform in [0, 1).
