@@ -18,6 +18,10 @@ class KelnetTransport final : public ITransport {
     return kelnet::StreamingGET(requestId, std::move(onData), std::move(completion), url, headers, configuration);
   }
   void Cancel(const kelcore::utility::Guid& requestId) override { kelnet::Cancel(requestId); }
+  void RunWithStreamingCallbacks(std::function<void()> task) override {
+    // Once the delivery thread has ended (process exit), the caller's thread is all there is.
+    if (kelnet::IsDeliveryThread() || !kelnet::RunOnDeliveryThread(task)) task();
+  }
 };
 
 class KelnetRetryScheduler final : public IRetryScheduler {

@@ -385,18 +385,28 @@ void RequestPipeline::Cancel(const std::shared_ptr<Exchange>& exchange) {
 void RequestPipeline::Finish(const std::shared_ptr<Exchange>& exchange,
                              const std::shared_ptr<kelnet::Response>& response) {
   ExchangeDone done;
+  std::shared_ptr<ITransport> transport;
   {
     std::lock_guard lock(mutex_);
     exchange->state = Exchange::State::Done;
     done = std::move(exchange->done);
+    transport = transport_;
   }
   if (!done) return;
-  try {
-    done(response, exchange->delivered);
-  } catch (const std::exception& error) {
-    LogWarning("request completion threw", {{"what", error.what()}});
-  } catch (...) {
-    LogWarning("request completion threw", {});
+  auto run = [exchange, response, done = std::move(done)] {
+    try {
+      done(response, exchange->delivered);
+    } catch (const std::exception& error) {
+      LogWarning("request completion threw", {{"what", error.what()}});
+    } catch (...) {
+      LogWarning("request completion threw", {});
+    }
+  };
+  // A streaming request ends where its data went, whichever way it ends (a timer, a refusal).
+  if (exchange->plan.streaming) {
+    transport->RunWithStreamingCallbacks(std::move(run));
+  } else {
+    run();
   }
 }
 

@@ -349,11 +349,16 @@ void SegmentedDownload::FinishIfSettled() {
     finished_ = true;
     response = failed_ ? failure_ : SuccessResponseLocked();
   }
-  try {
-    request_.completion(request_.requestId, response);
-  } catch (...) {
-    LogWarning("download completion threw", {});
-  }
+  // Reached from a resume timer as well as from a range's completion: either way the caller's
+  // completion runs where its data went.
+  auto self = shared_from_this();
+  pipeline_->GetTransport()->RunWithStreamingCallbacks([self, response] {
+    try {
+      self->request_.completion(self->request_.requestId, response);
+    } catch (...) {
+      LogWarning("download completion threw", {});
+    }
+  });
 }
 
 }  // namespace kelappsupport::cloudservice::detail

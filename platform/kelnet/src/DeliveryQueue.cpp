@@ -32,6 +32,16 @@ void DeliveryQueue::Stop() {
   readySignal_.notify_one();
 }
 
+bool DeliveryQueue::Post(std::function<void()> task) {
+  {
+    std::lock_guard lock(mutex_);
+    if (ended_) return false;
+    tasks_.push_back(std::move(task));
+  }
+  readySignal_.notify_one();
+  return true;
+}
+
 void DeliveryQueue::Track(const std::shared_ptr<Stream>& stream) {
   std::lock_guard lock(mutex_);
   live_.push_back(stream);
@@ -172,9 +182,25 @@ void DeliveryQueue::Run() {
   std::unique_lock lock(mutex_);
   while (true) {
     waiting_ = true;
-    readySignal_.wait(lock, [this] { return !ready_.empty() || stop_; });
+    readySignal_.wait(lock, [this] { return !ready_.empty() || !tasks_.empty() || stop_; });
     waiting_ = false;
-    if (ready_.empty()) break;
+    if (!tasks_.empty()) {
+      std::function<void()> task = std::move(tasks_.front());
+      tasks_.pop_front();
+      lock.unlock();
+      try {
+        task();
+      } catch (...) {
+        LogWarning("delivery task threw", {});
+      }
+      task = nullptr;
+      lock.lock();
+      continue;
+    }
+    if (ready_.empty()) {
+      ended_ = true;
+      break;
+    }
     std::shared_ptr<Stream> stream = std::move(ready_.front());
     ready_.pop_front();
     Stream& s = *stream;

@@ -1,6 +1,7 @@
 #pragma once
 // The delivery thread and what it hands over: the bytes of streaming transfers, chunk by chunk,
-// then each transfer's completion.
+// then each transfer's completion; and what else belongs with a streaming consumer (Post: a
+// download's completion reached through a timer).
 //
 // Threads: the network thread queues bytes (Enqueue), hands over finished transfers (HandOver)
 // and collects the transfers that want its attention (TakeAttention, Attend). The delivery
@@ -114,6 +115,8 @@ class DeliveryQueue {
 
   // Any thread: drops what is queued for every transfer with this id; nothing more is delivered.
   void Cancel(const kelcore::utility::Guid& id);
+  // Any thread: runs task here, between chunks; false once the thread has ended (not run).
+  bool Post(std::function<void()> task);
 
   // Network thread, last: the delivery thread hands over what is left and ends.
   void Stop();
@@ -134,6 +137,8 @@ class DeliveryQueue {
   bool stop_ = false;
   bool waiting_ = false;
   bool wakeLater_ = false;
+  bool ended_ = false;
+  std::deque<std::function<void()>> tasks_;
   std::deque<std::shared_ptr<Stream>> ready_;      // streams with a chunk or their completion due
   std::vector<std::shared_ptr<Stream>> attention_;  // to resume, or to end because onData threw
   std::vector<std::shared_ptr<Stream>> live_;       // handed to curl and not yet completed

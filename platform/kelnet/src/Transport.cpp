@@ -50,6 +50,28 @@ Transport& Transport::Instance() {
   return *transport;
 }
 
+// On the completion thread, never here: a task is a caller's code.
+void Transport::RunTimerTasks(std::vector<std::function<void()>>& due) {
+  for (auto& task : due) {
+    auto run = [task = std::move(task)] {
+      try {
+        task();
+      } catch (...) {
+        LogWarning("timer task threw", {});
+      }
+    };
+    if (!completions_.Post(run)) run();
+  }
+}
+
+bool Transport::RunOnDeliveryThread(std::function<void()> task) {
+  {
+    std::lock_guard lock(mutex_);
+    if (!threadStarted_ && (shutdown_ || !StartThreadLocked())) return false;
+  }
+  return delivery_.Post(std::move(task));
+}
+
 bool Transport::IsShutDown() {
   std::lock_guard lock(mutex_);
   return shutdown_;
@@ -130,8 +152,9 @@ bool Transport::StartThreadLocked() {
   if (!multi_) return false;
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
   threadStarted_ = true;
-  // The delivery thread first: the network thread may hand it a transfer at once.
+  // The delivery and completion threads first: the network thread may hand them work at once.
   delivery_.Start();
+  completions_.Start();
   thread_ = std::thread([this] { Run(); });
   threadId_ = thread_.get_id();
   return true;
@@ -181,10 +204,11 @@ void Transport::Shutdown() {
   }
   // The loops end after this callback; a later call (at the latest the one at exit) joins them.
   const auto self = std::this_thread::get_id();
-  if (self == threadId_ || self == delivery_.ThreadId()) return;
+  if (self == threadId_ || self == delivery_.ThreadId() || self == completions_.ThreadId()) return;
   std::lock_guard join(joinMutex_);
   if (thread_.joinable()) thread_.join();
   delivery_.Join();
+  completions_.Join();
 }
 
 // An HTTP/2 connection the server shut down (GOAWAY) fails the streams it never took up: with
@@ -262,13 +286,9 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
   const Guid id = request->id;
   request.reset();
   if (!completion) return;
-  try {
-    completion(id, response);
-  } catch (const std::exception& error) {
-    LogWarning("HTTP completion threw", {{"what", error.what()}});
-  } catch (...) {
-    LogWarning("HTTP completion threw", {});
-  }
+  auto run = [id, completion = std::move(completion), response = std::move(response)] { completion(id, response); };
+  // The completion thread ends after this thread, so this only fails if it could not start.
+  if (!completions_.Post(run)) run();
 }
 
 void Transport::Run() {
@@ -303,13 +323,7 @@ void Transport::Run() {
         node.mapped()->cancelled = true;
         Finish(std::move(node.mapped()), CURLE_ABORTED_BY_CALLBACK);
       }
-      for (auto& task : due) {
-        try {
-          task();
-        } catch (...) {
-          LogWarning("timer task threw", {});
-        }
-      }
+      RunTimerTasks(due);
       std::lock_guard lock(mutex_);
       if (incoming_.empty() && timers_.empty() && active_.empty()) {
         threadExited_ = true;
@@ -329,13 +343,7 @@ void Transport::Run() {
     }
     for (const Guid& id : cancels) CancelActive(id);
     AttendStreams();
-    for (auto& task : due) {
-      try {
-        task();
-      } catch (...) {
-        LogWarning("timer task threw", {});
-      }
-    }
+    RunTimerTasks(due);
 
     int running = 0;
     curl_multi_perform(multi_, &running);
@@ -379,8 +387,9 @@ void Transport::Run() {
 
   curl_multi_cleanup(multi_);
   multi_ = nullptr;
-  // Every transfer has been handed over by now: the delivery thread runs what is left and ends.
+  // Every transfer has been handed over by now: the other two threads run what is left and end.
   delivery_.Stop();
+  completions_.Stop();
   std::lock_guard lock(poolMutex_);
   for (CURL* easy : pool_) curl_easy_cleanup(easy);
   pool_.clear();
@@ -430,5 +439,14 @@ bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) 
 void Shutdown() { Transport::Instance().Shutdown(); }
 
 bool IsShutDown() { return Transport::Instance().IsShutDown(); }
+
+bool IsNetworkThread() { return Transport::Instance().IsNetworkThread(); }
+
+bool IsDeliveryThread() { return Transport::Instance().IsDeliveryThread(); }
+
+bool RunOnDeliveryThread(std::function<void()> task) {
+  if (!task) return false;
+  return Transport::Instance().RunOnDeliveryThread(std::move(task));
+}
 
 }  // namespace kelnet

@@ -4,6 +4,9 @@
 // adds it, drives every transfer and hands each finished one on. One thread keeps connection
 // reuse and HTTP/2 multiplexing in one place and means no lock is taken while curl works.
 //
+// No caller's code runs on the network thread: POST completions and timer tasks go to the
+// completion thread, streaming data and completions to the delivery thread.
+//
 // Threads: Submit, Cancel, Schedule and Shutdown run on any thread (mutex_ guards what they hand
 // over); Run is the network thread; active_ and everything in a Request once handed over are the
 // network thread's alone. The bytes of a streaming GET go to its consumer on the delivery thread
@@ -24,6 +27,7 @@
 #include <vector>
 
 #include "CaBundleCache.h"
+#include "CompletionThread.h"
 #include "DeliveryQueue.h"
 #include "Request.h"
 
@@ -41,6 +45,9 @@ class Transport {
   bool Schedule(std::chrono::milliseconds delay, std::function<void()> task);
   void Shutdown();
   bool IsShutDown();
+  bool IsNetworkThread() const { return std::this_thread::get_id() == threadId_.load(); }
+  bool IsDeliveryThread() const { return std::this_thread::get_id() == delivery_.ThreadId(); }
+  bool RunOnDeliveryThread(std::function<void()> task);
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -51,6 +58,7 @@ class Transport {
   void WakeNetwork();
   void Run();
   void AttendStreams();
+  void RunTimerTasks(std::vector<std::function<void()>>& due);
   void Finish(std::unique_ptr<Request> request, CURLcode code);
   void CancelActive(const kelcore::utility::Guid& id);
   static bool ShouldRetryUnanswered(Request& request, CURLcode code);
@@ -76,6 +84,7 @@ class Transport {
 
   CaBundleCache caBundles_;
   DeliveryQueue delivery_{[this] { WakeNetwork(); }};
+  CompletionThread completions_;
 
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;

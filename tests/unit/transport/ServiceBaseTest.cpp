@@ -10,6 +10,7 @@
 #include "kelappsupport/ServiceBase.h"
 #include "kelcore/ResultCodes.h"
 #include "kelnet/Constants.h"
+#include "kelnet/Http.h"
 #include "tests/unit/transport/TransportTestSupport.h"
 
 namespace {
@@ -294,6 +295,56 @@ TEST_F(ServiceBaseTest, RefusedRequestsReportAtOnceAndNeverComplete) {
   EXPECT_EQ(running.calls, 1);
   EXPECT_EQ(queued.calls, 1);
   EXPECT_FALSE(queued.response);
+}
+
+}  // namespace
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// With kelnet's own timer (the fake scheduler runs timers on the test thread and would hide it):
+// a request that a retry or a resume finishes still completes off the network thread.
+TEST(CallbackThreadTest, CompletionsReachedThroughATimerStayOffTheNetworkThread) {
+  for (const bool streaming : {false, true}) {
+    auto transport = std::make_shared<transport_test::FakeTransport>();
+    kelappsupport::cloudservice::ServiceBase service;
+    service.SetTransport(transport);
+    service.ConfigureForRecoverableErrorProcessor({503});
+    std::promise<bool> onNetworkThread;
+    auto completion = [&](const kelcore::utility::Guid&, const std::shared_ptr<kelnet::Response>&) {
+      onNetworkThread.set_value(kelnet::IsNetworkThread());
+    };
+    const auto id = kelcore::utility::Guid::CreateUnique();
+    if (streaming) {
+      ASSERT_EQ(service.HttpStreamingGet(id, [](auto&, auto, auto, auto, auto&, auto&) {}, completion,
+                                         "https://media.example.test/a", {}, {}, false),
+                0);
+      // Ten bytes, then the connection breaks: the range resumes from a timer, and that is refused.
+      auto probe = transport->Take();
+      ASSERT_TRUE(probe);
+      const char bytes[10] = {};
+      probe->onData(probe->id, bytes, 0, sizeof bytes, kelnet::Progress{}, {{"content-range", "bytes 0-9/100"}});
+      transport->refuse = true;
+      transport->Answer(probe, nullptr);
+    } else {
+      ASSERT_EQ(service.HttpPost(id, completion, "https://api.example.test/graphql", nullptr, {}, {}, false), 0);
+      transport->refuse = true;  // the retry is refused
+      transport->Answer(transport->Take(), 503);
+    }
+    auto future = onNetworkThread.get_future();
+    ASSERT_EQ(future.wait_for(60s), std::future_status::ready) << streaming;
+    EXPECT_FALSE(future.get()) << (streaming ? "download" : "post");
+  }
+  // Nor does kelnet run a POST's own completion there (nothing listens on port 1).
+  std::promise<bool> onNetworkThread;
+  ASSERT_TRUE(kelnet::POST(
+      kelcore::utility::Guid::CreateUnique(),
+      [&](const auto&, const auto&) { onNetworkThread.set_value(kelnet::IsNetworkThread()); },
+      "http://127.0.0.1:1/", nullptr, {}, {}));
+  auto future = onNetworkThread.get_future();
+  ASSERT_EQ(future.wait_for(60s), std::future_status::ready);
+  EXPECT_FALSE(future.get());
 }
 
 }  // namespace

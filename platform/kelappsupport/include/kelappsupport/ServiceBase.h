@@ -7,9 +7,11 @@
 // and the verdict on the answer: recoverable statuses and, if so configured, connectivity
 // failures are retried under the retry policy; a 401 notifies the authorization processor.
 //
-// Threads: POST completions run on kelnet's network thread; a streaming GET's data callbacks and
-// its completion on kelnet's delivery thread, chunks before the completion (a test transport
-// uses its own thread for both). The authorization callback runs on kelcore's default executor.
+// Threads: no callback runs on kelnet's network thread. POST completions run on kelnet's
+// completion thread (where its timers fire, so a retry's end runs there too); a streaming GET's
+// data callbacks and its completion on kelnet's delivery thread, chunks before the completion,
+// whether the transfer, a resume timer or a refusal ends it (a test transport uses its own thread
+// for both). The authorization callback runs on kelcore's default executor.
 
 #include <functional>
 #include <memory>
