@@ -1,5 +1,8 @@
 #include "RequestPipeline.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -23,8 +26,13 @@ void ClassifyDestination(const kelcore::ImmutableString& url, Exchange& exchange
   exchange.host = std::move(parts->host);
 }
 
-bool IsLoopbackHost(std::string_view host) {
-  return host == "localhost" || host.ends_with(".localhost") || host.starts_with("127.") || host == "::1";
+// This machine by name or by number: a name like "127.attacker.example" is anyone's.
+bool IsLoopbackHost(const std::string& host) {
+  if (host == "localhost" || host.ends_with(".localhost")) return true;
+  in_addr v4{};
+  if (::inet_pton(AF_INET, host.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
+  in6_addr v6{};
+  return ::inet_pton(AF_INET6, host.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 // Whether our token may go to this host: never in clear text, except to this machine (the

@@ -266,7 +266,13 @@ TEST_F(ServiceBaseTest, TheTokenGoesOnlyWhereItIsMeantTo) {
   EXPECT_TRUE(tokenSentTo("https://cdn.elsewhere.test/a"));  // no hosts named yet
   EXPECT_FALSE(tokenSentTo("http://api.example.test/graphql"));
   EXPECT_TRUE(tokenSentTo("http://127.0.0.1:8443/graphql"));
+  EXPECT_TRUE(tokenSentTo("http://127.255.0.9/graphql"));
+  EXPECT_TRUE(tokenSentTo("http://[::1]:8443/graphql"));
   EXPECT_TRUE(tokenSentTo("http://api.ostrio.localhost:8443/graphql"));
+  // Names that only look like this machine.
+  EXPECT_FALSE(tokenSentTo("http://127.attacker.example/"));
+  EXPECT_FALSE(tokenSentTo("http://127.0.0.1.attacker.example/"));
+  EXPECT_FALSE(tokenSentTo("http://localhost.attacker.example/"));
 
   ASSERT_EQ(service.ConfigureAuthorizedHosts({".Example.test:8443"}), 0);
   EXPECT_TRUE(tokenSentTo("https://api.example.test/graphql"));

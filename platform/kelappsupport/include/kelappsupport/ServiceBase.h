@@ -65,10 +65,11 @@ class ServiceBase : public virtual IService {
 
   int ConfigureDownloads(const DownloadPolicy& policy);
   // Where the token set by SetAuthToken may go. It never goes over plain http, except to this
-  // machine (localhost, *.localhost, 127.0.0.0/8, ::1). With domains named here ("ostrio.io",
-  // ".ostrio.io" or ".ostrio.localhost:8443": a leading dot and a port are ignored) it goes only to
-  // those hosts and their subdomains; until then to every https host. Other requests still go out,
-  // without the token.
+  // machine (localhost, *.localhost, an IPv4 address in 127.0.0.0/8, ::1; never a name that
+  // merely starts with "127."). With domains named here ("ostrio.io", ".ostrio.io" or
+  // ".ostrio.localhost:8443": a leading dot and a port are ignored) it goes only to those hosts
+  // and their subdomains; until then to every https host. Other requests still go out, without
+  // the token.
   int ConfigureAuthorizedHosts(const std::vector<std::string>& domains);
 
   // An extra CA bundle (PEM file) trusted by every request of this service whose Configuration
