@@ -82,6 +82,10 @@ void Request::PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, con
   if (streaming) {
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
   } else {
+    maxAnswerBodyBytes = configuration.maxAnswerBodyBytes;
+    if (configuration.deadline.count() > 0) {
+      curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(configuration.deadline.count()));
+    }
     curl_easy_setopt(easy, CURLOPT_POST, 1L);
     const auto* data = requestBody ? reinterpret_cast<const char*>(requestBody->Data()) : "";
     const auto size = requestBody ? static_cast<curl_off_t>(requestBody->Size()) : 0;
@@ -165,6 +169,11 @@ void Request::StartBody() {
   } else if (!streaming) {
     curl_off_t contentLength = -1;
     curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
+    if (contentLength > 0 && static_cast<std::uint64_t>(contentLength) > maxAnswerBodyBytes &&
+        answerHeaders.find(kelcore::ImmutableString("content-encoding")) == answerHeaders.end()) {
+      broken = "answer larger than its limit";
+      return;
+    }
     if (contentLength > 0) {
       answerBody.reserve(static_cast<std::size_t>(std::min<curl_off_t>(contentLength, 64 * 1024 * 1024)));
     }
@@ -221,6 +230,10 @@ size_t Request::OnWrite(char* buffer, size_t size, size_t count, void* user) {
     const size_t room = kMaxErrorBody - std::min(kMaxErrorBody, request->answerBody.size());
     request->answerBody.append(buffer, std::min(room, length));
   } else {
+    if (length > request->maxAnswerBodyBytes - std::min(request->maxAnswerBodyBytes, request->answerBody.size())) {
+      request->broken = "answer larger than its limit";
+      return 0;
+    }
     request->answerBody.append(buffer, length);
   }
   return length;

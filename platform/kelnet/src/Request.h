@@ -57,6 +57,7 @@ struct Request {
   std::uint64_t received = 0;
   std::uint64_t total = 0;
   std::uint64_t rangeLength = 0;  // of a 206 answer: what its Content-Range announced; 0 otherwise
+  std::size_t maxAnswerBodyBytes = 0;  // POST only
   char error[CURL_ERROR_SIZE] = {};
 
   Request() = default;

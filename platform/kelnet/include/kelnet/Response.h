@@ -57,6 +57,14 @@ struct Configuration {
   // requests want.
   bool allowHttp2 = true;
   std::size_t receiveBufferSize = 0;  // bytes; 0: the transport's default
+  // POST only: an answer body (decoded) longer than this fails the request with a null response
+  // and the reason in the log, before more of it is held. 64 MiB is some forty times the largest
+  // page of results the service sends. A streaming GET holds no body: its bytes go to the consumer.
+  std::size_t maxAnswerBodyBytes = 64 * 1024 * 1024;
+  // POST only: the whole exchange, connecting included, ends within this or fails with a null
+  // response; 0: no limit. A streaming GET has none: a download of any size may take its time, and
+  // the stall rule above (lowSpeed*) ends one that stops moving.
+  std::chrono::milliseconds deadline{120000};
 };
 
 class Response {
