@@ -234,10 +234,11 @@ TEST(HttpWireTest, PartialAnswersThatDoNotAddUpNeverPlaceBytes) {
     if (asked("/no-range")) return head + "\r\n0123456789";
     if (asked("/unreadable")) return head + "Content-Range: bytes ten-19/*\r\n\r\n0123456789";
     if (asked("/backwards")) return head + "Content-Range: bytes 19-10/100\r\n\r\n0123456789";
+    if (asked("/past-total")) return head + "Content-Range: bytes 0-10/10\r\n\r\n0123456789A";
     if (asked("/too-long")) return head + "Content-Range: bytes 10-19/100\r\n\r\n0123456789ABCDEFGHIJ";
     return head + "content-range:  bytes 10-19/100 \r\n\r\n0123456789";
   });
-  for (const char* path : {"/no-range", "/unreadable", "/backwards"}) {
+  for (const char* path : {"/no-range", "/unreadable", "/backwards", "/past-total"}) {
     auto streamed = Get(server.Url(path));
     EXPECT_FALSE(streamed.response) << path;
     EXPECT_TRUE(streamed.chunks.empty()) << path;

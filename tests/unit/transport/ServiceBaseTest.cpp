@@ -178,6 +178,21 @@ TEST_F(ServiceBaseTest, RetriesStopAtTheirLimitsWithTheLastAnswer) {
   EXPECT_EQ(attempts, 3);  // waits of 187 + 375 ms fit in a second; the next 750 ms does not
 }
 
+TEST_F(ServiceBaseTest, StatusesOutsideTheRecoverableListReachTheCallerAfterOneAttempt) {
+  service.ConfigureForRecoverableErrorProcessor({502, 503, 504});
+  for (int status : {500, 501, 505}) {
+    Outcome outcome;
+    Post(outcome);
+    transport->Answer(transport->Take(), status, {{"retry-after", "1"}});
+    EXPECT_EQ(outcome.calls, 1) << status;
+    ASSERT_TRUE(outcome.response) << status;
+    EXPECT_EQ(outcome.response->StatusCode(), status);
+    EXPECT_FALSE(scheduler->RunNext()) << status << " was scheduled for a retry";
+    EXPECT_EQ(transport->PendingCount(), 0u) << status;
+  }
+  EXPECT_EQ(transport->all.size(), 3u);
+}
+
 TEST(RetryAfterTest, SecondsAndDates) {
   using kelappsupport::cloudservice::ParseRetryAfter;
   const auto now = std::chrono::system_clock::from_time_t(784111777);  // Sun, 06 Nov 1994 08:49:37 GMT
