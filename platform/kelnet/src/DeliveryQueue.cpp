@@ -71,7 +71,8 @@ DeliveryQueue::Taken DeliveryQueue::Enqueue(const std::shared_ptr<Stream>& strea
     if (s.failed) return Taken::ConsumerFailed;
     if (s.cancelled) return Taken::Cancelled;
     Chunk* tail = s.chunks.empty() ? nullptr : &s.chunks.back();
-    if (tail && tail->headers == headers && tail->offset + tail->size == offset && tail->capacity - tail->size >= size) {
+    if (tail && tail->headers == headers && tail->offset + tail->size == offset &&
+        tail->capacity - tail->size >= size) {
       std::memcpy(tail->data.get() + tail->size, data, size);
       tail->size += size;
       tail->progress = progress;

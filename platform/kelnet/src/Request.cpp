@@ -152,7 +152,8 @@ void Request::StartBody() {
     // Part of a resource: without a readable Content-Range there is no telling where its bytes
     // belong, so none of them are handed on.
     auto header = answerHeaders.find(kHEADER_CONTENT_RANGE);
-    const auto range = header == answerHeaders.end() ? std::nullopt : internal::ParseContentRange(header->second.View());
+    const auto range =
+        header == answerHeaders.end() ? std::nullopt : internal::ParseContentRange(header->second.View());
     if (!range) {
       broken = "partial answer without a readable Content-Range";
       return;

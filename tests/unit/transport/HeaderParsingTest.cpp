@@ -26,7 +26,8 @@ TEST(HeaderParsingTest, ContentRangeIsReadWholeOrRefused) {
   }
   // The last byte must lie inside the total: "0-10/10" names an eleventh byte of ten.
   for (const char* bad : {"bytes 0-10/10", "bytes 19-10/100", "bytes */100", "bytes 0-9", "bytes -1-9/10",
-                          "bytes 0-9/-1", "bytes +0-9/10", "bytes 0-9/1x", "items 0-9/10", "bytes 0-18446744073709551616/*",
+                          "bytes 0-9/-1", "bytes +0-9/10", "bytes 0-9/1x", "items 0-9/10",
+                          "bytes 0-18446744073709551616/*",
                           "bytes 0 - 9/10x", "", "bytes ", "bytes 5/4-9"}) {
     EXPECT_FALSE(ParseContentRange(bad)) << bad;
   }
