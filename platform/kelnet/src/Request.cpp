@@ -224,8 +224,7 @@ size_t Request::OnWrite(char* buffer, size_t size, size_t count, void* user) {
       request->broken = "answer longer than its Content-Range";
       return 0;
     }
-    // A completion on this thread may have cancelled the request since.
-    return request->cancelled ? 0 : length;
+    return length;
   }
   if (request->streaming) {
     const size_t room = kMaxErrorBody - std::min(kMaxErrorBody, request->answerBody.size());

@@ -140,9 +140,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     return false;
   }
   incoming_.push_back(std::move(request));
-  // From a completion on the network thread no wake-up is needed: the loop looks at the queue
-  // before it polls again.
-  if (std::this_thread::get_id() != threadId_) WakeLocked();
+  WakeLocked();
   return true;
 }
 
@@ -176,12 +174,6 @@ void Transport::Cancel(const Guid& id) {
   // Whatever is queued for the consumer goes now, wherever Cancel is called from: from a data
   // callback no further chunk of the request may arrive.
   delivery_.Cancel(id);
-  if (std::this_thread::get_id() == threadId_) {
-    // From a callback of ours: stop delivery now, not after the current round of transfers.
-    for (auto& [easy, request] : active_) {
-      if (request->id == id) request->cancelled = true;
-    }
-  }
   std::lock_guard lock(mutex_);
   if (threadExited_ || !threadStarted_) return;
   cancels_.push_back(id);
