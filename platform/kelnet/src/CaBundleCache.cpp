@@ -1,3 +1,6 @@
+// Extra CA bundles, read once per file version. Threads: any caller thread, many at once, as
+// requests are prepared; the cache's mutex guards every entry (see CaBundleCache.h).
+
 #include "CaBundleCache.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,5 @@
+// The completion thread. Threads: Post from any thread; the tasks run here alone, in order.
+
 #include "CompletionThread.h"
 
 #include <exception>

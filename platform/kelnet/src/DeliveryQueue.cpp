@@ -1,3 +1,7 @@
+// The delivery thread (Run) and the queues it shares with the network thread. Threads: Enqueue,
+// HandOver, Flush, TakeAttention, Attend and Settle on the network thread; Cancel and Post on any;
+// consumers only on the delivery thread; mutex_ never held across a consumer or curl.
+
 #include "DeliveryQueue.h"
 
 #include <algorithm>

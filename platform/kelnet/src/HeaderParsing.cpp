@@ -1,3 +1,5 @@
+// Pure readers of answer heads. Threads: any; no state.
+
 #include "kelnet/internal/HeaderParsing.h"
 
 #include <algorithm>

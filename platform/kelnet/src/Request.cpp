@@ -1,3 +1,6 @@
+// One request's easy-handle set-up and curl callbacks. Threads: Prepare* on the caller's thread
+// before hand-over; OnHeader, OnWrite and Restart on the network thread only.
+
 #include "Request.h"
 
 #include <algorithm>
