@@ -88,11 +88,17 @@ HeaderLine ParseHeaderLine(std::string_view line) {
   }
   const auto colon = line.find(':');
   if (colon == std::string_view::npos) return parsed;
-  parsed.kind = HeaderLine::Kind::Field;
+  // A name that is no token ("bytes 5-") is no header: kept, it would pose as one under a name
+  // no lookup can ask for, or shadow a real one after lower-casing.
   const std::string_view name = TrimBlanks(line.substr(0, colon));
+  if (!IsHeaderNameToken(name)) return parsed;
+  parsed.kind = HeaderLine::Kind::Field;
   parsed.name.reserve(name.size());
   for (char c : name) parsed.name.push_back(LowerASCII(c));
   parsed.value = TrimBlanks(line.substr(colon + 1));
+  // curl hands over one line at a time, so a line end or NUL inside a value is a server's attempt
+  // at a second header in disguise.
+  if (!IsSafeHeaderValue(parsed.value)) return HeaderLine{};
   return parsed;
 }
 
