@@ -10,7 +10,7 @@
 #include "kelappsupport/ServiceBase.h"
 #include "kelcore/ResultCodes.h"
 #include "kelnet/Constants.h"
-#include "tests/unit/transport/TransportTestSupport.h"
+#include "TransportTestSupport.h"
 
 namespace {
 

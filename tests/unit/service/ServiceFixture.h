@@ -1,0 +1,69 @@
+#pragma once
+// A real OstrioService over the recording transport: each test starts an operation, answers the
+// request it sent, and reads the outcome.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "TransportTestSupport.h"
+#include "kelappsupport/ServiceBase.h"
+#include "kelcore/Future.h"
+#include "ostriolib/IOstrioService.h"
+
+namespace service_test {
+
+using kelcore::classref::InterfaceRef;
+using ostriolib::IOstrioService;
+using transport_test::FakeRequestPtr;
+using transport_test::FakeTransport;
+
+constexpr const char* kJson = "application/json; charset=utf-8";
+
+class ServiceFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // Staging and development point at test domains through the debug database; production keeps
+    // its built-in suffix.
+    ::setenv("OSTRIOLIB_DOMAIN_STAGING", ".staging.test", 1);
+    ::setenv("OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test", 1);
+    service = MakeService(ostriolib::kEnvironmentDevelopment, "northwind media+Editor/25.1.77", "pv-1");
+  }
+
+  InterfaceRef<IOstrioService> MakeService(ostriolib::EnvironmentType environment, const std::string& clientId,
+                                           const std::string& preview, const std::string& token = "tok") {
+    auto created = ostriolib::CreateOstrioService();
+    created.Query<kelappsupport::cloudservice::ServiceBase>()->SetTransport(transport);
+    auto counter = unauthenticated;
+    EXPECT_EQ(created->Initialize(clientId, token, environment, preview,
+                                  [counter](const kelcore::ImmutableString&) { ++*counter; }),
+              0);
+    return created;
+  }
+
+  // Answers the oldest pending request.
+  FakeRequestPtr Answer(const std::string& body, int status = 200, kelnet::HeaderMap headers = {{"content-type", kJson}}) {
+    auto request = transport->Take();
+    EXPECT_TRUE(request) << "nothing was sent";
+    if (request) transport->Answer(request, status, std::move(headers), body);
+    return request;
+  }
+
+  // The future's outcome, bounded so a lost continuation fails instead of hanging.
+  template <class T>
+  static bool Settle(const kelcore::async::Future<T>& future) {
+    const bool ready = future.WaitFor(std::chrono::seconds(30));
+    EXPECT_TRUE(ready) << "future never completed";
+    return ready;
+  }
+
+  std::shared_ptr<FakeTransport> transport = std::make_shared<FakeTransport>();
+  std::shared_ptr<std::atomic<int>> unauthenticated = std::make_shared<std::atomic<int>>(0);
+  InterfaceRef<IOstrioService> service;
+};
+
+}  // namespace service_test
