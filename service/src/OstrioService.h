@@ -37,9 +37,6 @@ class OstrioService final : public IOstrioService, public kelappsupport::cloudse
       const kelcore::ImmutableString& url, const StreamingDataCallback& onData,
       const kelnet::HeaderMap& headers) const override;
 
-  // "https://api<suffix>/graphql" of the environment given to Initialize.
-  const kelcore::ImmutableString& GraphQLEndpoint() const { return endpoint_; }
-
  protected:
   void AddCommonHeaders(kelnet::HeaderMap& headers) override;
 
