@@ -1,5 +1,5 @@
-// How an answer is judged: status, content type, GraphQL errors, "unauthenticated" reaching the
-// service's handler; and the places the failures say they come from.
+// How an answer is judged (status, content type, GraphQL errors, "unauthenticated" reaching the
+// service's handler), the places failures say they come from, and loads refused before sending.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include "ServiceFixture.h"
 #include "ostriolib/OstrioAccountList.h"
 #include "ostriolib/OstrioAssets.h"
-#include "ostriolib/OstrioDictionaryResource.h"
 #include "ostriolib/OstrioProjectList.h"
 #include "ostriolib/OstrioUser.h"
 #include "ostriolib/OstrioWorkspaceList.h"
@@ -15,41 +14,34 @@
 namespace service_test {
 namespace {
 
+using namespace ostriolib;
 using kelcore::utility::Guid;
-using ostriolib::OstrioDictionaryResource;
-
-struct ValidationCase {
-  const char* name;
-  int status;
-  const char* contentType;  // null: no content-type header
-  const char* body;
-  kelcore::Result result;
-  bool notified;        // the service's handler ran because of this answer
-  const char* keyKept;  // a top-level key the resource's dictionary still holds ("" for none)
-};
 
 TEST_F(ServiceFixture, AnswersAreJudgedByStatusContentTypeAndGraphQLErrors) {
-  const std::vector<ValidationCase> cases = {
-      {"data", 200, kJson, R"({"data":{"me":{}}})", 0, false, "data"},
-      {"errors empty", 200, "application/json", R"({"errors":[],"data":{}})", 0, false, "data"},
-      {"errors not an array", 200, kJson, R"({"errors":{"message":"unauthenticated"}})", 0, false, "errors"},
-      {"json api type", 206, "application/vnd.api+json", R"({"data":{}})", 0, false, "data"},
-      {"not an object", 200, kJson, "[1,2]", 0, false, ""},
-      {"not json", 200, kJson, "{\"data\":", 0, false, ""},
-      {"unauthenticated second", 200, kJson, R"({"errors":[7,{"message":"x"},{"message":"unauthenticated"}],"data":null})",
+  struct Case {
+    int status;
+    const char *contentType, *body;  // contentType null: no such header
+    kelcore::Result result;
+    bool notified;        // the service's handler ran because of this answer
+    const char* keyKept;  // a key the resource's dictionary holds afterwards, "" for an empty one
+  };
+  const std::vector<Case> cases = {
+      {200, "application/json", R"({"errors":[],"data":{}})", 0, false, "data"},
+      {200, kJson, R"({"errors":{"message":"unauthenticated"}})", 0, false, "errors"},
+      {206, "application/vnd.api+json", R"({"data":{}})", 0, false, "data"},
+      {200, kJson, "[1,2]", 0, false, ""},
+      {200, kJson, "{\"data\":", 0, false, ""},
+      {200, kJson, R"({"errors":[7,{"message":"x"},{"message":"unauthenticated"}],"data":null})",
        kelcore::kErrorUnauthenticated, true, "errors"},
-      {"other case", 200, kJson, R"({"errors":[{"message":"Unauthenticated"}]})", kelcore::kErrorRequestFailed, false,
-       "errors"},
-      {"other errors", 200, kJson, R"({"errors":[{"message":"not found"}],"data":{"a":1}})",
-       kelcore::kErrorRequestFailed, false, "data"},
-      {"no content type", 200, nullptr, R"({"data":{}})", kelcore::kErrorUnsupportedContentType, false, ""},
-      {"html", 200, "text/html", R"({"data":{}})", kelcore::kErrorUnsupportedContentType, false, ""},
-      {"server error", 500, kJson, R"({"errors":[{"message":"unauthenticated"}]})", kelcore::kErrorRequestFailed,
-       false, ""},
-      {"redirect", 302, kJson, R"({"data":{}})", kelcore::kErrorRequestFailed, false, ""},
+      {200, kJson, R"({"errors":[{"message":"Unauthenticated"}]})", kelcore::kErrorRequestFailed, false, "errors"},
+      {200, kJson, R"({"errors":[{"message":"not found"}],"data":{"a":1}})", kelcore::kErrorRequestFailed, false, "data"},
+      {200, nullptr, R"({"data":{}})", kelcore::kErrorUnsupportedContentType, false, ""},
+      {200, "text/html", R"({"data":{}})", kelcore::kErrorUnsupportedContentType, false, ""},
+      {500, kJson, R"({"errors":[{"message":"unauthenticated"}]})", kelcore::kErrorRequestFailed, false, ""},
+      {302, kJson, R"({"data":{}})", kelcore::kErrorRequestFailed, false, ""},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+    SCOPED_TRACE(std::to_string(c.status) + " " + c.body);
     const int notifiedBefore = *unauthenticated;
     auto resource = OstrioDictionaryResource::CreateClassRef();
     auto query = service->Query(kelcore::ToU8Str("{ me { id } }"), {});
@@ -59,74 +51,55 @@ TEST_F(ServiceFixture, AnswersAreJudgedByStatusContentTypeAndGraphQLErrors) {
     ASSERT_TRUE(Settle(query));
     EXPECT_EQ(resource->SetServerResponse(query.Get(), service.Query<kelappsupport::cloudservice::IService>()), c.result);
     EXPECT_EQ(*unauthenticated - notifiedBefore, c.notified ? 1 : 0);
-    const auto dictionary = resource->GetDictionary();
-    if (*c.keyKept) {
-      EXPECT_TRUE(dictionary.Contains(c.keyKept)) << kelcore::AsStringView(resource->GetJSON());
-    } else {
-      EXPECT_TRUE(dictionary.empty()) << kelcore::AsStringView(resource->GetJSON());
-    }
+    const auto json = kelcore::AsStringView(resource->GetJSON());
+    EXPECT_EQ(*c.keyKept ? resource->GetDictionary().Contains(c.keyKept) : resource->GetDictionary().empty(), true)
+        << json;
     EXPECT_EQ(resource->GetResponse(), query.Get());
   }
 }
 
-struct SiteCase {
-  const char* name;
-  std::function<kelcore::async::Future<void>(const InterfaceRef<IOstrioService>&)> start;
-  bool scripted;  // answered by the scripted service with a null response
-  const char* body;
-  kelcore::Result result;
-  const char* path;
-  int line;  // 0: not pinned
-  const char* function;
-  const char* expression;
-};
-
-template <class T>
-kelcore::async::Future<void> Done(const kelcore::async::Future<T>& future) {
-  return future.Then([](const kelcore::async::Future<T>& done) { done.Get(); });
-}
-
 TEST_F(ServiceFixture, FailuresNameTheirPlaceAndExpression) {
-  using namespace ostriolib;
-  const auto generic = [](auto& s) { return Done(OstrioDictionaryResource::GenericQuery(s, kelcore::ToU8Str("{ x }"), {})); };
-  const std::vector<SiteCase> cases = {
-      {"generic, no response", generic, true, nullptr, kelcore::kErrorPreconditionFailed,
-       "service/src/OstrioDictionaryResource", 51,
-       "ostriolib::OstrioDictionaryResource::GenericQuery::<lambda_1>::operator ()", "!inResponse"},
-      {"generic, rejected", generic, false, R"({"errors":[{"message":"boom"}]})", kelcore::kErrorRequestFailed,
-       "service/src/OstrioDictionaryResource", 54,
-       "ostriolib::OstrioDictionaryResource::GenericQuery::<lambda_1>::operator ()", "kelcore::ResultFailed(result)"},
-      {"user, no response", [](auto& s) { return Done(OstrioUser::LoadUser(s)); }, true, nullptr,
-       kelcore::kErrorPreconditionFailed, "queries/src/OstrioUser", 0,
-       "ostriolib::OstrioUser::LoadUser::<lambda_1>::operator ()", "!inResponse"},
-      {"accounts, unauthenticated", [](auto& s) { return Done(OstrioAccountList::LoadAccountList(s)); }, false,
-       R"({"errors":[{"message":"unauthenticated"}]})", kelcore::kErrorUnauthenticated,
-       "queries/src/OstrioAccountList", 0, "ostriolib::OstrioAccountList::LoadAccountList::<lambda_1>::operator ()",
-       "!kelcore::ResultSucceeded(result)"},
-      {"workspace count, empty data", [](auto& s) { return Done(OstrioWorkspaceList::GetWorkspaceCount(s, Guid())); },
-       false, R"({"data":{}})", kelcore::kErrorFailed, "queries/src/OstrioWorkspaceList", 0,
-       "ostriolib::OstrioWorkspaceList::GetWorkspaceCount::<lambda_1>::operator ()", "data.empty()"},
-      {"asset counts, no data", [](auto& s) { return Done(OstrioAssets::GetAssetCounts(s, Guid())); }, false, "{}",
-       kelcore::kErrorFailed, "queries/src/OstrioAssets", 0,
-       "ostriolib::OstrioAssets::GetAssetCounts::<lambda_1>::operator ()", "data.empty()"},
+  struct Case {
+    std::function<Started(const InterfaceRef<IOstrioService>&)> start;
+    const char* body;  // null: the scripted service answers with no response at all
+    kelcore::Result result;
+    const char* path;
+    int line;  // 0: not pinned
+    const char *function, *expression;
+  };
+  const auto generic = [](auto& s) {
+    return Start(OstrioDictionaryResource::GenericQuery(s, kelcore::ToU8Str("{ x }"), {}));
+  };
+  const char* genericName = "ostriolib::OstrioDictionaryResource::GenericQuery::<lambda_1>::operator ()";
+  const std::vector<Case> cases = {
+      {generic, nullptr, kelcore::kErrorPreconditionFailed, "service/src/OstrioDictionaryResource", 51, genericName,
+       "!inResponse"},
+      {generic, R"({"errors":[{"message":"boom"}]})", kelcore::kErrorRequestFailed,
+       "service/src/OstrioDictionaryResource", 54, genericName, "kelcore::ResultFailed(result)"},
+      {[](auto& s) { return Start(OstrioUser::LoadUser(s)); }, nullptr, kelcore::kErrorPreconditionFailed,
+       "queries/src/OstrioUser", 0, "ostriolib::OstrioUser::LoadUser::<lambda_1>::operator ()", "!inResponse"},
+      {[](auto& s) { return Start(OstrioAccountList::LoadAccountList(s)); },
+       R"({"errors":[{"message":"unauthenticated"}]})", kelcore::kErrorUnauthenticated, "queries/src/OstrioAccountList",
+       0, "ostriolib::OstrioAccountList::LoadAccountList::<lambda_1>::operator ()", "!kelcore::ResultSucceeded(result)"},
+      {[](auto& s) { return Start(OstrioAssets::GetAssetCounts(s, Guid())); }, "{}", kelcore::kErrorFailed,
+       "queries/src/OstrioAssets", 0, "ostriolib::OstrioAssets::GetAssetCounts::<lambda_1>::operator ()",
+       "data.empty()"},
   };
   auto scripted = kelcore::classref::AllocateClassInstance<ScriptedOstrioService>();
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    auto done = c.start(c.scripted ? InterfaceRef<IOstrioService>(scripted) : service);
-    if (!c.scripted) {
+    SCOPED_TRACE(c.function);
+    auto started = c.start(c.body ? service : InterfaceRef<IOstrioService>(scripted));
+    if (c.body) {
       ASSERT_TRUE(Answer(c.body));
     }
-    ASSERT_TRUE(Settle(done));
+    ASSERT_TRUE(Settle(started));
     try {
-      done.Get();
+      started.Get();
       ADD_FAILURE() << "no failure";
     } catch (const kelcore::kel_exception& e) {
       EXPECT_EQ(e.GetResult(), c.result);
       EXPECT_EQ(e.SourcePath(), c.path);
-      if (c.line) {
-        EXPECT_EQ(e.Line(), c.line);
-      }
+      EXPECT_EQ(c.line ? e.Line() : 0, c.line);
       EXPECT_EQ(e.Function(), c.function);
       EXPECT_EQ(e.Expression(), c.expression);
     }
@@ -134,22 +107,20 @@ TEST_F(ServiceFixture, FailuresNameTheirPlaceAndExpression) {
 }
 
 TEST_F(ServiceFixture, RefusedLoadsFailAtOnceAndSendNothing) {
-  using namespace ostriolib;
   const InterfaceRef<IOstrioService> none;
   const kelcore::U8Str noCursor;
-  const std::vector<kelcore::async::Future<void>> refused = {
-      Done(OstrioDictionaryResource::GenericQuery(none, kelcore::ToU8Str("{ x }"), {})),
-      Done(OstrioUser::LoadUser(none)),
-      Done(OstrioAccountList::LoadAccountList(none)),
-      Done(OstrioWorkspaceList::LoadWorkspaceList(service, Guid(), 0, noCursor)),
-      Done(OstrioWorkspaceList::GetWorkspaceCount(none, Guid())),
-      Done(OstrioProjectList::LoadProjectList(service, Guid(), -1, noCursor)),
-      Done(OstrioAssets::LoadAssets(service, Guid(), 0, noCursor, -5, noCursor)),
-      Done(OstrioAssets::GetAssetCounts(none, Guid())),
-  };
-  for (const auto& future : refused) {
-    ASSERT_TRUE(Settle(future));
-    EXPECT_EQ(future.GetResult(), kelcore::kErrorServiceUnavailable);
+  for (const Started& refused : {
+           Start(OstrioDictionaryResource::GenericQuery(none, kelcore::ToU8Str("{ x }"), {})),
+           Start(OstrioUser::LoadUser(none)),
+           Start(OstrioAccountList::LoadAccountList(none)),
+           Start(OstrioWorkspaceList::LoadWorkspaceList(service, Guid(), 0, noCursor)),
+           Start(OstrioWorkspaceList::GetWorkspaceCount(none, Guid())),
+           Start(OstrioProjectList::LoadProjectList(service, Guid(), -1, noCursor)),
+           Start(OstrioAssets::LoadAssets(service, Guid(), 0, noCursor, -5, noCursor)),
+           Start(OstrioAssets::GetAssetCounts(none, Guid())),
+       }) {
+    ASSERT_TRUE(Settle(refused));
+    EXPECT_EQ(refused.GetResult(), kelcore::kErrorServiceUnavailable);
   }
   EXPECT_TRUE(transport->all.empty());
 }

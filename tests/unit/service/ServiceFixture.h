@@ -1,5 +1,5 @@
 #pragma once
-// A real OstrioService over the recording transport: each test starts an operation, answers the
+// A real OstrioService over the recording transport: a test starts an operation, answers the
 // request it sent, and reads the outcome.
 
 #include <gtest/gtest.h>
@@ -7,53 +7,52 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <memory>
-#include <string>
 
 #include "TransportTestSupport.h"
 #include "kelappsupport/ServiceBase.h"
-#include "kelcore/Future.h"
-#include "ostriolib/IOstrioService.h"
+#include "ostriolib/OstrioDictionaryResource.h"
 
 namespace service_test {
 
 using kelcore::classref::InterfaceRef;
 using ostriolib::IOstrioService;
 using transport_test::FakeRequestPtr;
-using transport_test::FakeTransport;
+using Started = kelcore::async::Future<void>;
 
 constexpr const char* kJson = "application/json; charset=utf-8";
+
+// The operation's outcome as a failure or nothing, once it completes.
+template <class T>
+Started Start(const kelcore::async::Future<T>& future) {
+  return future.Then([](const kelcore::async::Future<T>& done) { done.Get(); });
+}
 
 class ServiceFixture : public ::testing::Test {
  protected:
   void SetUp() override {
-    // Staging and development point at test domains through the debug database; production keeps
-    // its built-in suffix.
+    // Staging and development come from the debug database; production keeps its built-in suffix.
     ::setenv("OSTRIOLIB_DOMAIN_STAGING", ".staging.test", 1);
     ::setenv("OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test", 1);
     service = MakeService(ostriolib::kEnvironmentDevelopment, "northwind media+Editor/25.1.77", "pv-1");
   }
 
-  InterfaceRef<IOstrioService> MakeService(ostriolib::EnvironmentType environment, const std::string& clientId,
-                                           const std::string& preview, const std::string& token = "tok") {
+  InterfaceRef<IOstrioService> MakeService(ostriolib::EnvironmentType environment, const char* clientId,
+                                           const char* preview, const char* token = "tok") {
     auto created = ostriolib::CreateOstrioService();
     created.Query<kelappsupport::cloudservice::ServiceBase>()->SetTransport(transport);
     auto counter = unauthenticated;
-    EXPECT_EQ(created->Initialize(clientId, token, environment, preview,
-                                  [counter](const kelcore::ImmutableString&) { ++*counter; }),
-              0);
+    EXPECT_EQ(created->Initialize(clientId, token, environment, preview, [counter](auto&) { ++*counter; }), 0);
     return created;
   }
 
   // Answers the oldest pending request.
   FakeRequestPtr Answer(const std::string& body, int status = 200, kelnet::HeaderMap headers = {{"content-type", kJson}}) {
     auto request = transport->Take();
-    EXPECT_TRUE(request) << "nothing was sent";
     if (request) transport->Answer(request, status, std::move(headers), body);
     return request;
   }
 
-  // The future's outcome, bounded so a lost continuation fails instead of hanging.
+  // Bounded, so that a lost continuation fails the test instead of hanging it.
   template <class T>
   static bool Settle(const kelcore::async::Future<T>& future) {
     const bool ready = future.WaitFor(std::chrono::seconds(30));
@@ -61,7 +60,7 @@ class ServiceFixture : public ::testing::Test {
     return ready;
   }
 
-  std::shared_ptr<FakeTransport> transport = std::make_shared<FakeTransport>();
+  std::shared_ptr<transport_test::FakeTransport> transport = std::make_shared<transport_test::FakeTransport>();
   std::shared_ptr<std::atomic<int>> unauthenticated = std::make_shared<std::atomic<int>>(0);
   InterfaceRef<IOstrioService> service;
 };
