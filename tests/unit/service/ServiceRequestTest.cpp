@@ -116,18 +116,6 @@ TEST_F(ServiceFixture, EndpointAndCommonHeadersFollowEnvironmentClientIdAndToken
   }
 }
 
-TEST_F(ServiceFixture, ANewTokenReachesTheNextRequestAndTheSameTokenChangesNothing) {
-  EXPECT_EQ(service->SetAccessToken("tok"), 0);
-  EXPECT_EQ(service->SetAccessToken("Bearer fresh"), 0);
-  EXPECT_LT(service->SetAccessToken("bad\r\nx-injected: 1"), 0);
-  EXPECT_EQ(service->SetAccessToken("Bearer fresh"), 0);
-  auto started = Start(OstrioDictionaryResource::GenericQuery(service, kelcore::ToU8Str("{ me { id } }"), {}));
-  auto request = Answer(R"({"data":{}})");
-  ASSERT_TRUE(request);
-  EXPECT_EQ(request->Header("authorization"), "Bearer fresh");
-  Settle(started);
-}
-
 TEST_F(ServiceFixture, TheTokenGoesToTheApiHostAloneNeverToMediaLinks) {
   const std::vector<std::pair<const char*, bool>> cases = {
       {"https://api.ostrio.test/media/a/original.mp4", true},
