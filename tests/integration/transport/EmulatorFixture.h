@@ -12,7 +12,7 @@
 #include "EmulatorProcess.h"
 #include "kelappsupport/ServiceBase.h"
 #include "kelcore/Dictionary.h"
-#include "tests/unit/transport/TransportTestSupport.h"
+#include "TransportTestSupport.h"
 
 namespace transport_test {
 

@@ -8,7 +8,7 @@
 
 #include "kelappsupport/ServiceBase.h"
 #include "kelnet/Constants.h"
-#include "tests/unit/transport/TransportTestSupport.h"
+#include "TransportTestSupport.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include "kelappsupport/ServiceBase.h"
 #include "kelcore/ResultCodes.h"
 #include "kelnet/Constants.h"
+#include "TransportTestSupport.h"
 #include "kelnet/Http.h"
-#include "tests/unit/transport/TransportTestSupport.h"
 
 namespace {
 
