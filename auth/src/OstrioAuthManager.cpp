@@ -22,6 +22,7 @@
 #include "kelnet/Constants.h"
 #include "kelnet/URL.h"
 #include "LibraryConfiguration.h"
+#include "PlatformSettings.h"
 
 namespace ostriolib {
 
@@ -117,7 +118,7 @@ std::int64_t ParseSeconds(std::string_view text) {
 }  // namespace
 
 OstrioAuthManager::OstrioAuthManager()
-    : OstrioAuthManager(kelcore::KeychainUtils::GetKeychainUtils(), kelcore::OSUtilsWrapper::GetOSUtilsWrapper()) {}
+    : OstrioAuthManager(PlatformSettings::CreateKeychain(), PlatformSettings::CreateUrlOpener()) {}
 
 OstrioAuthManager::OstrioAuthManager(kelcore::classref::InterfaceRef<kelcore::IKeychainUtils> keychain,
                                      kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper> osUtils)
@@ -585,7 +586,9 @@ Future<std::shared_ptr<kelnet::Response>> OstrioAuthManager::PostForAuthorizatio
   auto completion = [promise](const kelcore::utility::Guid&, const std::shared_ptr<kelnet::Response>& response) {
     promise.SetValue(response);
   };
-  if (!post(kelcore::utility::Guid::CreateUnique(), completion, url, body, headers, kelnet::Configuration())) {
+  kelnet::Configuration configuration;
+  configuration.caBundlePath = PlatformSettings::CaBundlePath();
+  if (!post(kelcore::utility::Guid::CreateUnique(), completion, url, body, headers, configuration)) {
     return MakeFailedFuture<std::shared_ptr<kelnet::Response>>(kelcore::kErrorFailed);
   }
   return promise.GetFuture();

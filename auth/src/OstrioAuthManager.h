@@ -43,7 +43,8 @@ class OstrioAuthManager : public IOstrioAuthManager {
 
   static constexpr std::u16string_view kCredentialService = u"com.corvane.ostrio.token";
 
-  // The platform's credential store and URL opener; no I/O happens here.
+  // The credential store and URL opener the library's settings name (PlatformSettings); the
+  // Secret Service is not probed here.
   OstrioAuthManager();
   OstrioAuthManager(kelcore::classref::InterfaceRef<kelcore::IKeychainUtils> keychain,
                     kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper> osUtils);

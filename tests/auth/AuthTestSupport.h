@@ -1,6 +1,6 @@
 #pragma once
-// Shared pieces of the auth tests: a scripted transport, token makers, a log capture, temporary
-// folders and a way to re-run this test binary as a fresh process.
+// Shared pieces of the auth tests: a scripted transport, token makers and a way to re-run this
+// test binary as a fresh process. The doubles of other kinds live in tests/support.
 
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -21,6 +21,9 @@
 #include "kelcore/Executor.h"
 #include "kelcore/Logging.h"
 #include "kelcore/Strings.h"
+#include "LogCapture.h"
+#include "RecordingOSUtilsWrapper.h"
+#include "ScratchFolders.h"
 
 namespace ostriolib::testing {
 
@@ -99,50 +102,8 @@ inline std::shared_ptr<kelnet::Response> RefreshAnswer(int status, std::optional
   return std::make_shared<kelnet::Response>(status, std::move(headers), "");
 }
 
-// Captures every log and trace record while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    kelcore::logging::SetSink([this](const kelcore::logging::Record& record) {
-      std::lock_guard lock(mutex_);
-      records_.push_back(record);
-    });
-  }
-  ~LogCapture() { kelcore::logging::SetSink(nullptr); }
-  std::vector<kelcore::logging::Record> Records() const {
-    std::lock_guard lock(mutex_);
-    return records_;
-  }
-  // Every message and field value, for "this text never appears" checks.
-  std::string AllText() const {
-    std::string text;
-    for (const auto& record : Records()) {
-      text += record.message + "\n";
-      for (const auto& [key, value] : record.fields) text += key + "=" + value + "\n";
-    }
-    return text;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<kelcore::logging::Record> records_;
-};
-
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ostrio-auth-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  const std::filesystem::path& Path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
+using ::LogCapture;
+using ::TemporaryDirectory;
 
 // Runs the test `filter` of this binary in a new process with extra environment entries; its exit
 // status (0 when its tests passed).

@@ -32,7 +32,7 @@ class SignInTest : public ::testing::Test {
 
   void Reset(InterfaceRef<kelcore::IKeychainUtils> store = kelcore::KeychainUtils::CreateMemoryKeychain()) {
     keychain = store;
-    opener = std::make_shared<kelcore::RecordingOSUtilsWrapper>();
+    opener = std::make_shared<RecordingOSUtilsWrapper>();
     manager = AllocateClassInstance<OstrioAuthManager>(keychain, InterfaceRef<kelcore::IOSUtilsWrapper>(opener)).Shared();
     manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
     manager->SetClock([] { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); });
@@ -49,7 +49,7 @@ class SignInTest : public ::testing::Test {
   }
 
   InterfaceRef<kelcore::IKeychainUtils> keychain;
-  std::shared_ptr<kelcore::RecordingOSUtilsWrapper> opener;
+  std::shared_ptr<RecordingOSUtilsWrapper> opener;
   std::shared_ptr<OstrioAuthManager> manager;
 };
 

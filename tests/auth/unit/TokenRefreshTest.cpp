@@ -27,7 +27,7 @@ class TokenRefreshTest : public ::testing::Test {
   void SetUp() override {
     keychain = kelcore::KeychainUtils::CreateMemoryKeychain();
     manager = AllocateClassInstance<OstrioAuthManager>(
-                  keychain, InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<kelcore::RecordingOSUtilsWrapper>()))
+                  keychain, InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<RecordingOSUtilsWrapper>()))
                   .Shared();
     manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
     manager->SetClock([] { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); });

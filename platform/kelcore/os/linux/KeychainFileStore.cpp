@@ -16,7 +16,7 @@
 #include <tuple>
 #include <utility>
 
-#include "../../src/KeychainBackend.h"
+#include "KeychainBackend.h"
 #include "AtomicFile.h"
 #include "kelcore/Strings.h"
 

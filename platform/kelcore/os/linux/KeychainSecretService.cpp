@@ -13,7 +13,7 @@
 #include <mutex>
 #include <string>
 
-#include "../../src/KeychainBackend.h"
+#include "KeychainBackend.h"
 #include "kelcore/Strings.h"
 
 namespace kelcore {
