@@ -37,18 +37,19 @@ class ScriptedTransport {
     kelcore::ImmutableString url;
     kelnet::HeaderMap headers;
     bool hasBody = false;
+    std::string caBundlePath;
     kelnet::Completion completion;
   };
 
   OstrioAuthManager::PostFunction Function() {
     return [this](const kelcore::utility::Guid&, kelnet::Completion completion, const kelcore::ImmutableString& url,
                   std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,
-                  const kelnet::Configuration&) {
+                  const kelnet::Configuration& configuration) {
       std::function<std::shared_ptr<kelnet::Response>()> answer;
       {
         std::lock_guard lock(mutex_);
         if (!startResult) return false;
-        requests_.push_back({url, headers, body != nullptr, completion});
+        requests_.push_back({url, headers, body != nullptr, configuration.caBundlePath, completion});
         answer = autoAnswer;
       }
       if (answer) Complete(completion, answer());

@@ -2,6 +2,8 @@
 // opener and the URL-scheme registration.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -60,6 +62,11 @@ TEST(FileKeychain, KeepsEachSecretInAPrivateFileAndRefusesOneOthersCanRead) {
   EXPECT_EQ(store->GetPassword(service, account, true), u"");
   EXPECT_NE(log.AllText().find("refusing"), std::string::npos);
   EXPECT_EQ(log.AllText().find("newer"), std::string::npos);
+  // A file far beyond any secret's size is refused unread.
+  ::chmod(files[0].c_str(), 0600);
+  std::filesystem::resize_file(files[0], 256 * 1024);
+  EXPECT_EQ(store->GetPassword(service, account, true), u"");
+  EXPECT_NE(log.AllText().find("larger than"), std::string::npos);
 
   // Session secrets never reach the disk and do not answer persistent reads.
   ASSERT_EQ(store->AddPassword(u"svc", u"acct", u"session-only", false), kResultOK);
@@ -68,6 +75,30 @@ TEST(FileKeychain, KeepsEachSecretInAPrivateFileAndRefusesOneOthersCanRead) {
   EXPECT_FALSE(store->RemovePassword(u"svc", u"acct", true));
   EXPECT_TRUE(store->RemovePassword(service, account, true));
   EXPECT_TRUE(std::filesystem::is_empty(directory));
+}
+
+// A write that fails midway (here the file-size limit, as a full disk would) leaves the old
+// secret whole and no temporary file behind. The write runs in a child process: the limit is
+// process-wide.
+TEST(FileKeychain, AWriteThatFailsMidwayKeepsTheOldSecret) {
+  TemporaryDirectory root;
+  ASSERT_EQ(KeychainUtils::CreateFileKeychain(root.Path())->AddPassword(u"svc", u"acct", u"old", true), kResultOK);
+  ASSERT_EQ(ostriolib::testing::RunInNewProcess("FileKeychainChild.*", {"OSTRIO_TEST_STORE=" + root.Path().string()}),
+            0);
+  EXPECT_EQ(KeychainUtils::CreateFileKeychain(root.Path())->GetPassword(u"svc", u"acct", true), u"old");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.Path()), {}), 1);
+}
+
+TEST(FileKeychainChild, DISABLED_WritesPastTheFileSizeLimit) {
+  const char* directory = std::getenv("OSTRIO_TEST_STORE");
+  ASSERT_NE(directory, nullptr);
+  ::signal(SIGXFSZ, SIG_IGN);  // a write past the limit then fails with EFBIG instead of ending us
+  const rlimit limit{4096, 4096};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+  LogCapture log;
+  EXPECT_EQ(KeychainUtils::CreateFileKeychain(directory)->AddPassword(u"svc", u"acct", std::u16string(16 * 1024, u'n'), true),
+            kErrorFailed);
+  EXPECT_NE(log.AllText().find("the old one is kept (cannot write: File too large)"), std::string::npos) << log.AllText();
 }
 
 TEST(KeychainChoice, FallsBackToTheFileStoreWithAWarningWhenNoSecretServiceAnswers) {

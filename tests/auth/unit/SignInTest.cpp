@@ -148,6 +148,9 @@ TEST_F(SignInTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
       {"ostrio-test://ostrio#garbage", kelcore::kErrorBadCredentials, "garbage"},
       // The fragment starts at the first '#'.
       {"ostrio-test://ostrio#x#" + fragment, kelcore::kErrorBadCredentials, "x#" + fragment},
+      // Beyond the bound: not looked into, nothing stored.
+      {"ostrio-test://ostrio#" + fragment + "&pad=" + std::string(65 * 1024, 'x'), kelcore::kErrorInvalidArgument,
+       "old"},
   };
   for (const auto& c : cases) {
     Reset();
@@ -183,6 +186,25 @@ TEST_F(SignInTest, LogoutClearsMemoryAndStoreAndReportsWhenNothingWasStored) {
   // The first Logout dropped the sign-in callback: the redirect processed after it called nobody.
   DrainCallbacks();
   EXPECT_EQ(probe.Count(), 1u);
+}
+
+// A state folder the file store will not write through (here a link) is not read or emptied
+// through either: a sign-in there must not cost the user the record already stored.
+TEST_F(SignInTest, AFolderTheStoreRefusesKeepsTheStoredRecord) {
+  testing::TemporaryDirectory root;
+  const auto real = root.Path() / "real";
+  ASSERT_EQ(kelcore::KeychainUtils::CreateFileKeychain(real)->AddPassword(
+                kService, u"credentials_" + kelcore::KeychainUtils::CurrentUserName(), u"old", true),
+            0);
+  std::filesystem::create_directory_symlink(real, root.Path() / "link");
+  Reset(kelcore::KeychainUtils::CreateFileKeychain(root.Path() / "link"));
+  testing::LogCapture log;
+  const std::string url = "ostrio-test://ostrio#" + Record(std::to_string(kNow + 7200));
+  EXPECT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(url)), 0);
+  EXPECT_EQ(kelcore::KeychainUtils::CreateFileKeychain(real)->GetPassword(
+                kService, u"credentials_" + kelcore::KeychainUtils::CurrentUserName(), true),
+            u"old");
+  EXPECT_NE(log.AllText().find("symbolic link"), std::string::npos) << log.AllText();
 }
 
 TEST_F(SignInTest, CallbackIsDroppedWhenTheManagerIsGone) {

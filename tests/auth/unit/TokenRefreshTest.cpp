@@ -36,10 +36,13 @@ class TokenRefreshTest : public ::testing::Test {
   }
 
   // Signed in from a stored record whose token expires at `expires`.
-  void SignIn(std::int64_t expires) {
+  void SignIn(std::int64_t expires, const std::string& refreshToken = "rt-1") {
     manager->Logout();
-    manager->StoreCredentials("expires=" + std::to_string(expires) + "&refreshToken=rt-1&token=Bearer%20old&userId=u-1");
+    manager->StoreCredentials(Record(expires, refreshToken));
     ASSERT_EQ(manager->LoadCredentials(), 0);
+  }
+  static std::string Record(std::int64_t expires, const std::string& refreshToken = "rt-1") {
+    return "expires=" + std::to_string(expires) + "&refreshToken=" + refreshToken + "&token=Bearer%20old&userId=u-1";
   }
 
   std::string Stored() {
@@ -59,6 +62,7 @@ class TokenRefreshTest : public ::testing::Test {
 };
 
 TEST_F(TokenRefreshTest, RefreshesOnlyWithAnHourOrLessLeft) {
+  ScopedEnvironment caBundle{{"OSTRIOLIB_CABUNDLE", "/etc/ostrio/extra-ca.pem"}};
   SignIn(kNow + 3601);
   EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, "old");
   EXPECT_TRUE(transport.Requests().empty());
@@ -72,6 +76,7 @@ TEST_F(TokenRefreshTest, RefreshesOnlyWithAnHourOrLessLeft) {
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].url.View(), kRefreshUrl);
   EXPECT_FALSE(requests[0].hasBody);
+  EXPECT_EQ(requests[0].caBundlePath, "/etc/ostrio/extra-ca.pem");
   EXPECT_EQ(requests[0].headers, (kelnet::HeaderMap{{"content-type", "application/x-www-form-urlencoded"},
                                                     {"x-ostrio-client", "acme+Editor/1.0.1"}}));
   EXPECT_EQ(Stored(), "expires=" + std::to_string(kNow + 86400) + "&refreshToken=rt-2&token=Bearer%20" + jwt +
@@ -106,19 +111,23 @@ TEST_F(TokenRefreshTest, WrappedClaimsAndRepeatedHeaders) {
   EXPECT_EQ(Stored(), "expires=" + std::to_string(kNow + 500) + "&refreshToken=rt-2&token=Bearer%20" + jwt + "&userId=u-1");
 }
 
-struct BadAnswer {
+// What a failed refresh does to the sign-in: a verdict on the refresh token (a refusal, or a
+// success whose answer cannot be used) signs out; no verdict (no answer, a server error,
+// throttling, a status that is neither) keeps the credentials for the next caller to try again.
+struct RefreshFailure {
   const char* name;
   std::function<std::shared_ptr<kelnet::Response>()> answer;
   kelcore::Result code;
   const char* expression;  // of the kel_exception, when it is one of ours
+  bool signsOut;
 };
 
 // Names the case in test output instead of dumping the struct's bytes.
-void PrintTo(const BadAnswer& answer, std::ostream* out) { *out << answer.name; }
+void PrintTo(const RefreshFailure& failure, std::ostream* out) { *out << failure.name; }
 
-class UnusableAnswerTest : public TokenRefreshTest, public ::testing::WithParamInterface<BadAnswer> {};
+class RefreshFailureTest : public TokenRefreshTest, public ::testing::WithParamInterface<RefreshFailure> {};
 
-TEST_P(UnusableAnswerTest, FailsAndSignsOut) {
+TEST_P(RefreshFailureTest, SignsOutOnlyOnAVerdict) {
   transport.autoAnswer = GetParam().answer;
   testing::LogCapture log;
   const auto [token, error] = Outcome(manager->RefreshAccessTokenIfNeeded());
@@ -138,42 +147,77 @@ TEST_P(UnusableAnswerTest, FailsAndSignsOut) {
     }
     EXPECT_EQ(std::string(e.what()).find("old"), std::string::npos);
   }
-  EXPECT_EQ(manager->GetAccessToken().View(), "");
-  EXPECT_EQ(manager->GetRefreshToken().View(), "");
-  EXPECT_EQ(Stored(), "");
   EXPECT_EQ(log.AllText().find("rt-1"), std::string::npos);
+  if (GetParam().signsOut) {
+    EXPECT_EQ(manager->GetAccessToken().View(), "");
+    EXPECT_EQ(manager->GetRefreshToken().View(), "");
+    EXPECT_EQ(Stored(), "");
+    return;
+  }
+  EXPECT_EQ(manager->GetAccessToken().View(), "old");
+  EXPECT_EQ(manager->GetRefreshToken().View(), "rt-1");
+  EXPECT_EQ(Stored(), Record(kNow + 3600));
+  EXPECT_TRUE(manager->IsUserSignedIn());
+  EXPECT_TRUE(Outcome(manager->RefreshAccessTokenIfNeeded()).second);  // the next caller asks again
+  EXPECT_EQ(transport.Requests().size(), 2u);
 }
 
 const std::string kGoodJwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
 const kelcore::Result kMissingKeyCode =
     kelcore::ExtractResultFromException(std::make_exception_ptr(kelcore::missing_key_exception("nbf", "x")));
 
+std::function<std::shared_ptr<kelnet::Response>()> Status(int status) {
+  return [status] { return RefreshAnswer(status, "Bearer " + kGoodJwt, "rt-2"); };
+}
+
 INSTANTIATE_TEST_SUITE_P(
-    Answers, UnusableAnswerTest,
+    Answers, RefreshFailureTest,
     ::testing::Values(
-        BadAnswer{"Status199", [] { return RefreshAnswer(199, "Bearer " + kGoodJwt, "rt-2"); },
-                  kelcore::kErrorRefreshRejected, "!response->IsSuccess()"},
-        BadAnswer{"Status300", [] { return RefreshAnswer(300, "Bearer " + kGoodJwt, "rt-2"); },
-                  kelcore::kErrorRefreshRejected, "!response->IsSuccess()"},
-        BadAnswer{"NoAuthorization", [] { return RefreshAnswer(200, std::nullopt, "rt-2"); },
-                  kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()"},
-        BadAnswer{"NoRefreshToken", [] { return RefreshAnswer(200, "Bearer " + kGoodJwt, std::nullopt); },
-                  kelcore::kErrorRefreshRejected, "refreshToken.empty()"},
-        BadAnswer{"OneDotJwt", [] { return RefreshAnswer(200, "Bearer abc.def", "rt-2"); },
-                  kelcore::kErrorRefreshRejected, "decodedPayload.empty()"},
-        BadAnswer{"MissingNbf",
-                  [] { return RefreshAnswer(200, "Bearer " + testing::MakeJwt(testing::ClaimsJson(kNow, false)), "rt-2"); },
-                  kMissingKeyCode, ""},
-        BadAnswer{"PayloadNotJson", [] { return RefreshAnswer(200, "Bearer " + testing::MakeJwt("{nope"), "rt-2"); },
-                  kelcore::kErrorFailed, ""},
-        BadAnswer{"NoResponse", [] { return std::shared_ptr<kelnet::Response>(); }, kelcore::kErrorNoResponse,
-                  "!response"}),
+        RefreshFailure{"Status400", Status(400), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", true},
+        RefreshFailure{"Status401", Status(401), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", true},
+        RefreshFailure{"NoAuthorization", [] { return RefreshAnswer(200, std::nullopt, "rt-2"); },
+                       kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()", true},
+        RefreshFailure{"NoRefreshToken", [] { return RefreshAnswer(200, "Bearer " + kGoodJwt, std::nullopt); },
+                       kelcore::kErrorRefreshRejected, "refreshToken.empty()", true},
+        RefreshFailure{"OneDotJwt", [] { return RefreshAnswer(200, "Bearer abc.def", "rt-2"); },
+                       kelcore::kErrorRefreshRejected, "decodedPayload.empty()", true},
+        RefreshFailure{"MissingNbf",
+                       [] { return RefreshAnswer(200, "Bearer " + testing::MakeJwt(testing::ClaimsJson(kNow, false)), "rt-2"); },
+                       kMissingKeyCode, "", true},
+        RefreshFailure{"PayloadNotJson", [] { return RefreshAnswer(200, "Bearer " + testing::MakeJwt("{nope"), "rt-2"); },
+                       kelcore::kErrorFailed, "", true},
+        RefreshFailure{"NoResponse", [] { return std::shared_ptr<kelnet::Response>(); }, kelcore::kErrorNoResponse,
+                       "!response", false},
+        RefreshFailure{"Status429", Status(429), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", false},
+        RefreshFailure{"Status500", Status(500), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", false},
+        RefreshFailure{"Status503", Status(503), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", false},
+        RefreshFailure{"Status199", Status(199), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", false},
+        RefreshFailure{"Status302", Status(302), kelcore::kErrorRefreshRejected, "!response->IsSuccess()", false}),
     [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(TokenRefreshTest, TheRefreshTokenStaysOneSegmentOfThePath) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"../../../../graphql?", "..%2F..%2F..%2F..%2Fgraphql%3F"},
+      {"..", "%2E%2E"},
+      {"a b#c\x01", "a%20b%23c%01"},
+      {"eyJ0.eyJ1-_~", "eyJ0.eyJ1-_~"},
+  };
+  transport.autoAnswer = [] { return RefreshAnswer(401, std::nullopt, std::nullopt); };
+  for (const auto& [token, segment] : cases) {
+    SignIn(kNow, token);
+    Outcome(manager->RefreshAccessTokenIfNeeded());
+    ASSERT_FALSE(transport.Requests().empty());
+    EXPECT_EQ(transport.Requests().back().url.View(),
+              "https://api.ostrio.test:8443/v2/auth/refresh_tokens/" + segment + "/apply");
+  }
+}
 
 TEST_F(TokenRefreshTest, NoRequestWithoutTokens) {
   transport.startResult = false;
   EXPECT_EQ(kelcore::ExtractResultFromException(Outcome(manager->RefreshAccessTokenIfNeeded()).second),
-            kelcore::kErrorFailed);  // the POST could not start: signed out as well
+            kelcore::kErrorFailed);  // the POST could not start: no verdict, still signed in
+  EXPECT_EQ(manager->GetRefreshToken().View(), "rt-1");
+  manager->Logout();
   EXPECT_EQ(kelcore::ExtractResultFromException(Outcome(manager->RefreshAccessTokenIfNeeded()).second),
             kelcore::kErrorNotSignedIn);
 

@@ -144,7 +144,8 @@ bool Update(std::filesystem::path path, const std::string& contents, mode_t mode
     if (::stat(path.c_str(), &info) == 0) mode = info.st_mode & 07777;
   }
   std::filesystem::create_directories(path.parent_path(), error);
-  return linux_detail::WriteFileAtomically(path, contents, mode);
+  std::string reason;
+  return linux_detail::WriteFileAtomically(path, contents, mode, reason);
 }
 
 }  // namespace
