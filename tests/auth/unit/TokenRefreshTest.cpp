@@ -1,5 +1,6 @@
 // Access-token refresh: when it happens, what is sent, how answers are judged, single flight.
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <latch>
@@ -259,6 +260,55 @@ TEST_F(TokenRefreshTest, OneRequestForFiftyConcurrentCallers) {
   // The marker is gone: the next caller is answered from the new, valid token.
   EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
   EXPECT_EQ(transport.Requests().size(), 1u);
+}
+
+// A sign-in callback and a finishing refresh both write the tokens while other threads read them
+// and ask for refreshes. Every token member is shared this way; ThreadSanitizer (the tsan preset)
+// reports any access that is not under the manager's lock.
+TEST_F(TokenRefreshTest, SignInAndRefreshOverlapReadersSafely) {
+  constexpr int kRounds = 20;
+  constexpr int kReaders = 3;
+  constexpr int kReads = 40;
+  const std::string jwt = testing::MakeJwt(testing::ClaimsJson(kNow + 86400));
+  const std::string callback = "ostrio-test://ostrio#" + Record(kNow + 7200, "rt-9");
+  for (int round = 0; round < kRounds; ++round) {
+    SignIn(kNow + 3600);
+    const auto refresh = manager->RefreshAccessTokenIfNeeded();
+    const auto requests = transport.Requests();
+    ASSERT_EQ(requests.size(), static_cast<std::size_t>(round + 1));
+
+    std::latch start(kReaders + 2);
+    std::vector<std::thread> threads;
+    std::vector<std::vector<Future<ImmutableString>>> asked(kReaders);
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(callback));
+    });
+    threads.emplace_back([&] {
+      start.arrive_and_wait();
+      testing::ScriptedTransport::Complete(requests.back().completion, RefreshAnswer(200, "Bearer " + jwt, "rt-2"));
+    });
+    for (int reader = 0; reader < kReaders; ++reader) {
+      threads.emplace_back([&, reader] {
+        start.arrive_and_wait();
+        for (int i = 0; i < kReads; ++i) {
+          EXPECT_FALSE(manager->GetAccessToken().empty());
+          EXPECT_FALSE(manager->GetRefreshToken().empty());
+          EXPECT_TRUE(manager->IsUserSignedIn());
+          asked[reader].push_back(manager->RefreshAccessTokenIfNeeded());
+        }
+      });
+    }
+    for (auto& thread : threads) thread.join();
+    // The refreshed token, or the signed-in one when the callback landed in between.
+    EXPECT_THAT(Outcome(refresh).first, ::testing::AnyOf(jwt, "old"));
+    // Each caller got a token (the old one, the signed-in one or the refreshed one), and no
+    // claim is left for the next round.
+    for (const auto& futures : asked) {
+      for (const auto& future : futures) EXPECT_FALSE(Outcome(future).first.empty());
+    }
+    EXPECT_TRUE(manager->IsAccessTokenValid());
+  }
 }
 
 TEST_F(TokenRefreshTest, PendingRefreshWithNoCachedTokenFails) {
