@@ -1,6 +1,6 @@
 #pragma once
-// Shared pieces of the auth tests: a scripted transport, token makers and a way to re-run this
-// test binary as a fresh process. The doubles of other kinds live in tests/support.
+// Shared pieces of the auth tests: token makers, a sign-in callback probe and a way to re-run
+// this test binary as a fresh process. The doubles of other kinds live in tests/support.
 
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -22,60 +22,13 @@
 #include "kelcore/Logging.h"
 #include "kelcore/Strings.h"
 #include "LogCapture.h"
+#include "ScriptedPost.h"
 #include "RecordingOSUtilsWrapper.h"
 #include "ScratchFolders.h"
 
 namespace ostriolib::testing {
 
 inline constexpr auto kHangGuard = std::chrono::seconds(60);  // only stops a broken test from hanging
-
-// Records each POST and holds its completion until the test answers it, on the default executor
-// (never on the caller's stack, as the real transport does).
-class ScriptedTransport {
- public:
-  struct Request {
-    kelcore::ImmutableString url;
-    kelnet::HeaderMap headers;
-    bool hasBody = false;
-    std::string caBundlePath;
-    kelnet::Completion completion;
-  };
-
-  OstrioAuthManager::PostFunction Function() {
-    return [this](const kelcore::utility::Guid&, kelnet::Completion completion, const kelcore::ImmutableString& url,
-                  std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,
-                  const kelnet::Configuration& configuration) {
-      std::function<std::shared_ptr<kelnet::Response>()> answer;
-      {
-        std::lock_guard lock(mutex_);
-        if (!startResult) return false;
-        requests_.push_back({url, headers, body != nullptr, configuration.caBundlePath, completion});
-        answer = autoAnswer;
-      }
-      if (answer) Complete(completion, answer());
-      return true;
-    };
-  }
-
-  static void Complete(kelnet::Completion completion, std::shared_ptr<kelnet::Response> response) {
-    kelcore::async::GetDefaultExecutor()->Post(
-        [completion = std::move(completion), response] { completion(kelcore::utility::Guid(), response); });
-  }
-
-  void AnswerFirst(std::shared_ptr<kelnet::Response> response) { Complete(Requests().at(0).completion, response); }
-
-  std::vector<Request> Requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-  }
-
-  bool startResult = true;
-  std::function<std::shared_ptr<kelnet::Response>()> autoAnswer;  // set before use
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Request> requests_;
-};
 
 inline std::string Base64NoPadding(std::string_view bytes) {
   std::string text = kelcore::EncodeBinaryDataToBase64(bytes);

@@ -32,7 +32,7 @@ class TokenRefreshTest : public ::testing::Test {
                   .Shared();
     manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
     manager->SetClock([] { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); });
-    manager->SetPostFunction(transport.Function());
+    manager->SetPostFunction(transport.Post());
     SignIn(kNow + 3600);
   }
 
@@ -58,7 +58,7 @@ class TokenRefreshTest : public ::testing::Test {
   }
 
   InterfaceRef<kelcore::IKeychainUtils> keychain;
-  testing::ScriptedTransport transport;
+  ScriptedPost transport;
   std::shared_ptr<OstrioAuthManager> manager;
 };
 
@@ -286,7 +286,7 @@ TEST_F(TokenRefreshTest, SignInAndRefreshOverlapReadersSafely) {
     });
     threads.emplace_back([&] {
       start.arrive_and_wait();
-      testing::ScriptedTransport::Complete(requests.back().completion, RefreshAnswer(200, "Bearer " + jwt, "rt-2"));
+      ScriptedPost::Complete(requests.back().completion, RefreshAnswer(200, "Bearer " + jwt, "rt-2"));
     });
     for (int reader = 0; reader < kReaders; ++reader) {
       threads.emplace_back([&, reader] {
