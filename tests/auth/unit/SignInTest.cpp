@@ -53,40 +53,34 @@ class SignInTest : public ::testing::Test {
   std::shared_ptr<OstrioAuthManager> manager;
 };
 
-TEST_F(SignInTest, TokenIsValidOnlyWithMoreThanAnHourLeft) {
-  const std::pair<std::string, bool> cases[] = {
-      {std::to_string(kNow + 3601), true},
-      {std::to_string(kNow + 3600), false},
-      {std::to_string(kNow + 3601) + "junk", true},  // digits up to the first non-digit
-      {"soon", false},
-      {"+" + std::to_string(kNow + 7200), false},
-      {"99999999999999999999", false},   // overflow reads as 0
-      {"-9223372036854775808", false},  // far past: must not wrap round to "valid"
-  };
-  for (const auto& [expires, valid] : cases) {
-    Reset();
-    Store(Record(expires));
-    ASSERT_EQ(manager->LoadCredentials(), 0);
-    EXPECT_EQ(manager->IsAccessTokenValid(), valid) << expires;
-  }
-}
-
+// Signed in means a token with more than an hour left, or a refresh token to get one with.
 TEST_F(SignInTest, SignedInMeansAValidTokenOrARefreshToken) {
-  EXPECT_EQ(manager->LoadCredentials(), kelcore::kErrorNotSignedIn);
-  EXPECT_FALSE(manager->IsUserSignedIn());
-
-  Store("not a record");
-  EXPECT_EQ(manager->LoadCredentials(), kelcore::kErrorBadCredentials);
-  EXPECT_FALSE(manager->IsUserSignedIn());
-
-  Reset();
-  Store(Record(std::to_string(kNow)));  // expired, but refreshable
-  EXPECT_TRUE(manager->IsUserSignedIn());
-  EXPECT_EQ(manager->GetAccessToken().View(), "tok");
-
-  Reset();
-  Store(Record(std::to_string(kNow), ""));
-  EXPECT_FALSE(manager->IsUserSignedIn());
+  struct Case {
+    std::optional<std::string> stored;
+    int loaded;
+    bool valid, signedIn;
+  };
+  const Case cases[] = {
+      {std::nullopt, kelcore::kErrorNotSignedIn, false, false},
+      {"not a record", kelcore::kErrorBadCredentials, false, false},
+      {Record(std::to_string(kNow + 3601)), 0, true, true},
+      {Record(std::to_string(kNow + 3600)), 0, false, true},  // expired, but refreshable
+      {Record(std::to_string(kNow + 3600), ""), 0, false, false},
+      {Record(std::to_string(kNow + 3601) + "junk"), 0, true, true},  // digits up to the first non-digit
+      {Record("soon"), 0, false, true},
+      {Record("+" + std::to_string(kNow + 7200)), 0, false, true},
+      {Record("99999999999999999999"), 0, false, true},   // overflow reads as 0
+      {Record("-9223372036854775808"), 0, false, true},  // far past: must not wrap round to "valid"
+  };
+  for (const auto& c : cases) {
+    Reset();
+    if (c.stored) Store(*c.stored);
+    const std::string name = c.stored.value_or("<nothing>");
+    EXPECT_EQ(manager->LoadCredentials(), c.loaded) << name;
+    EXPECT_EQ(manager->IsAccessTokenValid(), c.valid) << name;
+    EXPECT_EQ(manager->IsUserSignedIn(), c.signedIn) << name;
+    EXPECT_EQ(manager->GetAccessToken().View(), c.loaded == 0 ? "tok" : "") << name;
+  }
 }
 
 TEST_F(SignInTest, LoginOpensTheSignInPageWithAnEncodedCallback) {
