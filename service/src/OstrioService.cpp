@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "LibraryConfiguration.h"
+#include "PlatformSettings.h"
 #include "kelcore/ClassRef.h"
 #include "kelcore/KelException.h"
 #include "kelnet/Constants.h"
@@ -46,7 +47,11 @@ kelcore::classref::InterfaceRef<IOstrioService> CreateOstrioService() {
 
 OstrioService::OstrioService()
     : postProvider_(kelcore::classref::AllocateClassInstance<HttpPostProvider>()),
-      streamingGetProvider_(kelcore::classref::AllocateClassInstance<HttpStreamingGetProvider>()) {}
+      streamingGetProvider_(kelcore::classref::AllocateClassInstance<HttpStreamingGetProvider>()) {
+  // The extra CA the library is told to trust (the emulator's, a company proxy's) serves every
+  // request of the service; it is read once, as the service is made for a session.
+  ConfigureCABundle(PlatformSettings::CaBundlePath());
+}
 
 OstrioService::~OstrioService() = default;
 
