@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -30,16 +29,6 @@ constexpr std::string_view kClientSource = "src/OstrioClient";
 
 kelcore::SourceSite Continuation(int line, std::string_view function, int index = 1) {
   return kelcore::ContinuationSite(kClientSource, line, function, index);
-}
-
-// Said once per process: without a dispatcher no message can reach its listeners.
-void WarnNoDispatcherOnce() {
-  static std::atomic<bool> warned{false};
-  if (warned.exchange(true)) return;
-  kelcore::logging::LogWarning(
-      "ostriolib",
-      "The client's messages cannot be delivered: no main-thread dispatcher is installed. Install one with "
-      "kelcore::async::InstallMainThreadDispatcher on the host's main thread.");
 }
 
 }  // namespace
@@ -156,7 +145,6 @@ void OstrioClient::Broadcast(Values... values) {
     kelcore::messaging::BroadcastMessageOnMainThread(stationID_, message);
     return;
   }
-  if (!kelcore::async::GetMainThreadDispatcher()) WarnNoDispatcherOnce();
   kelcore::messaging::AsyncBroadcastMessagePtr(stationID_, std::make_unique<Message>(std::move(message)));
 }
 
