@@ -119,7 +119,8 @@ TEST_F(DownloadIntegrationTest, ErrorStatusBodiesNeverReachTheDataCallback) {
             0);
   auto response = awaited.Get();
   ASSERT_TRUE(response);
-  EXPECT_EQ(response->StatusCode(), 404);
+  // An unsigned media link is refused before the lookup, with a JSON body.
+  EXPECT_EQ(response->StatusCode(), 403);
   EXPECT_FALSE(response->Body().empty());
   EXPECT_EQ(sink.Bytes(), 0u);
 }
