@@ -172,6 +172,45 @@ TEST_F(OstrioClientTest, TokenExpiryFromAWorkerIsAnnouncedOnTheMainThread) {
   EXPECT_EQ(auth->TokenRequestCount(), requests);
 }
 
+// Run under ThreadSanitizer: queries from several threads while the token expires and the user
+// signs out. Every future completes; none crashes the client.
+TEST_F(OstrioClientTest, ConcurrentQueriesAcrossExpiryAndSignOut) {
+  auto service = Prepared();
+  ASSERT_TRUE(service);
+  constexpr int kThreads = 4, kPerThread = 50;
+  std::vector<Future<kelcore::classref::InterfaceRef<OstrioDictionaryResource>>> futures[kThreads];
+  std::atomic<bool> stop{false};
+  std::thread tokens([&] {
+    // Answers every token request as it comes, whatever asked for it.
+    for (std::size_t answered = 1; !stop || answered < auth->TokenRequestCount();) {
+      if (answered < auth->TokenRequestCount()) {
+        auth->AnswerToken("token-n");
+        ++answered;
+      } else {
+        std::this_thread::yield();
+      }
+    }
+  });
+  std::vector<std::thread> callers;
+  for (int t = 0; t < kThreads; ++t) {
+    callers.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        futures[t].push_back(client->RunQuery(kelcore::ToU8Str("{ me { id } }"), {}));
+        if (t == 0 && i == kPerThread / 4) service->onUnauthenticated({});
+        if (t == 1 && i == kPerThread / 2) client->SignOutOstrioUser();
+      }
+    });
+  }
+  for (auto& caller : callers) caller.join();
+  int completed = 0;
+  for (auto& list : futures) {
+    for (auto& future : list) completed += future.WaitFor(kHangGuard);
+  }
+  stop = true;
+  tokens.join();
+  EXPECT_EQ(completed, kThreads * kPerThread);
+}
+
 // A download driven chunk by chunk: what reaches the file and what the future says.
 class DownloadTest : public OstrioClientTest {
  protected:
