@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -15,6 +14,7 @@
 #include "kelcore/Logging.h"
 #include "kelcore/ResultCodes.h"
 #include "kelnet/URL.h"
+#include "OstrioServiceProvider.h"
 #include "ostriolib/OstrioConfiguration.h"
 
 namespace ostriolib {
@@ -32,16 +32,6 @@ kelcore::SourceSite Continuation(int line, std::string_view function, int index 
   return kelcore::ContinuationSite(kClientSource, line, function, index);
 }
 
-// Said once per process: without a dispatcher no message can reach its listeners.
-void WarnNoDispatcherOnce() {
-  static std::atomic<bool> warned{false};
-  if (warned.exchange(true)) return;
-  kelcore::logging::LogWarning(
-      "ostriolib",
-      "The client's messages cannot be delivered: no main-thread dispatcher is installed. Install one with "
-      "kelcore::async::InstallMainThreadDispatcher on the host's main thread.");
-}
-
 }  // namespace
 
 // ---- instance ----
@@ -49,7 +39,8 @@ void WarnNoDispatcherOnce() {
 std::shared_ptr<OstrioClient> OstrioClient::GetInstance() {
   // Thread-safe static initialisation: concurrent first callers wait for the one construction.
   static const std::shared_ptr<OstrioClient> instance(
-      new OstrioClient(GetOstrioAuthManager(), CreateOstrioServiceProvider()));
+      new OstrioClient(GetOstrioAuthManager(),
+                       kelcore::classref::AllocateClassInstance<OstrioServiceProvider>()));
   return instance;
 }
 
@@ -124,7 +115,9 @@ InterfaceRef<IOstrioService> OstrioClient::Service() const {
 }
 
 void OstrioClient::OnAccessTokenExpired() {
-  auto preparation = PrepareQuery();
+  // Unlike a query's preparation, this one fails when no token came: the host is told the refresh
+  // failed, with the refresh's own code, rather than that it succeeded.
+  auto preparation = Prepare(true);
   {
     std::lock_guard lock(stateMutex_);
     pendingTokenExpiry_ = preparation;
@@ -156,13 +149,14 @@ void OstrioClient::Broadcast(Values... values) {
     kelcore::messaging::BroadcastMessageOnMainThread(stationID_, message);
     return;
   }
-  if (!kelcore::async::GetMainThreadDispatcher()) WarnNoDispatcherOnce();
   kelcore::messaging::AsyncBroadcastMessagePtr(stationID_, std::make_unique<Message>(std::move(message)));
 }
 
 // ---- the query pipeline ----
 
-Future<void> OstrioClient::PrepareQuery() {
+Future<void> OstrioClient::PrepareQuery() { return Prepare(false); }
+
+Future<void> OstrioClient::Prepare(bool failWithoutToken) {
   // The pending request is claimed under the lock before the auth manager is asked, so two
   // preparations on two threads cannot both start one; it completes through our own promise,
   // because the auth manager may answer at once, inside the call.
@@ -178,7 +172,7 @@ Future<void> OstrioClient::PrepareQuery() {
 
   std::weak_ptr<OstrioClient> weak = WeakFromThisAs<OstrioClient>();
   auto prepared = token.GetFuture().Then(
-      [weak](Future<ImmutableString> done) {
+      [weak, failWithoutToken](Future<ImmutableString> done) {
         auto strongThis = weak.lock();
         KEL_THROW_IF_AT(!strongThis, kelcore::kErrorPreconditionFailed, "",
                         Continuation(__LINE__, "ostriolib::OstrioClient::PrepareQuery"));
@@ -188,7 +182,10 @@ Future<void> OstrioClient::PrepareQuery() {
         }
         // No token (nobody signed in, a refused refresh): the query goes on with the service as it
         // is, and fails there if there is none.
-        if (done.GetResult() < 0) return;
+        if (done.GetResult() < 0) {
+          if (failWithoutToken) std::rethrow_exception(done.GetException());
+          return;
+        }
         const int result = strongThis->InitializeOstrioService(done.Get());
         KEL_THROW_IF_AT(kelcore::ResultFailed(result), kelcore::kErrorOperationFailed,
                         "Could not initialize the OstrioService",

@@ -41,6 +41,11 @@ long StatusKiB(const std::string& name) {
 
 class DownloadIntegrationTest : public transport_test::EmulatorFixture {
  protected:
+  void SetUp() override {
+    EmulatorFixture::SetUp();
+    service.ConfigureCABundle(emulator->CaPath());
+  }
+
   std::shared_ptr<kelnet::Response> Download(std::uint64_t size) {
     Awaited awaited;
     const auto url = emulator->ApiUrl("/media/synthetic/" + std::to_string(size));
