@@ -78,7 +78,9 @@ BODY='{"query":"query Me { me { id } }"}'
 printf '%s' "$BODY" >"$WORK/body.json"
 
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
-median() { sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
+median() {
+  sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
+}
 field() { sed -n "s/.*\<$1=\([0-9.]*\).*/\1/p" | head -1; }
 OUT=$WORK/out
 # measure <command...>: runs it under the driver's measure mode; sets CPU_US, WALL_S, and the
@@ -105,7 +107,8 @@ for round in $(seq "$ROUNDS"); do
   add rps1 "$(field rps <"$OUT")"; add rps1_cpu "$(per_k "$CPU_US" "$POSTS")"
   measure h2load -n "$POSTS" -c 1 -m 16 -d "$WORK/body.json" -H 'content-type: application/json' \
     -H "authorization: Bearer $TOKEN" "$LOOPBACK/graphql"
-  add h2load "$(sed -n 's/.*finished in [^,]*, \([0-9.]*\) req\/s.*/\1/p' "$OUT")"; add h2load_cpu "$(per_k "$CPU_US" "$POSTS")"
+  add h2load "$(sed -n 's/.*finished in [^,]*, \([0-9.]*\) req\/s.*/\1/p' "$OUT")"
+  add h2load_cpu "$(per_k "$CPU_US" "$POSTS")"
 
   measure "$DRIVER" download "$API/media/synthetic/$SINGLE_BYTES" 1 /dev/null
   add single "$(field mbps <"$OUT")"; add single_cpu "$(per_gib "$CPU_US" "$SINGLE_BYTES")"
@@ -129,7 +132,8 @@ for round in $(seq "$ROUNDS"); do
   rm -f /dev/shm/transport-bench-aria
   last() { local a=(${V[$1]}); echo "${a[-1]}"; }
   echo "round $round (load $(cut -d' ' -f1 /proc/loadavg)):" \
-    "POST/s $(last rps) (HTTP/1.1 $(last rps1)) vs $(last h2load), CPU ms/1k $(last rps_cpu) ($(last rps1_cpu)) vs $(last h2load_cpu);" \
+    "POST/s $(last rps) (HTTP/1.1 $(last rps1)) vs $(last h2load)," \
+    "CPU ms/1k $(last rps_cpu) ($(last rps1_cpu)) vs $(last h2load_cpu);" \
     "single MB/s $(last single) vs $(last curl), CPU ms/GiB $(last single_cpu) vs $(last curl_cpu);" \
     "to a file $(last file) vs $(last curl_file), CPU $(last file_cpu) vs $(last curl_file_cpu);" \
     "segmented $(last seg) vs $(last aria), CPU $(last seg_cpu) vs $(last aria_cpu)" >&2
