@@ -77,9 +77,10 @@ TEST_F(DownloadIntegrationTest, TwoGigabytesVerifiedWithFlatMemory) {
   EXPECT_EQ(response->StatusCode(), 200);
   EXPECT_TRUE(sink.Complete(size));
   EXPECT_EQ(lastProgress.totalBytes, size);
-  // Sanitizers keep freed memory in quarantine, so only a plain build can be held to the ceiling.
+  // Sanitizers keep freed memory in quarantine, so only a plain build can be held to the ceiling:
+  // 8 MiB of queues shared by the segments, spare chunks and curl's buffers (8-10 MiB measured).
   if (!kSanitized) {
-    EXPECT_LT(peak - before, 64 * 1024) << "peak RSS grew by " << (peak - before) / 1024 << " MiB";
+    EXPECT_LT(peak - before, 20 * 1024) << "peak RSS grew by " << (peak - before) / 1024 << " MiB";
   }
   // More than one range went out at once, each guarded against a change of the resource.
   int ranged = 0;
