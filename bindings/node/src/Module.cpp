@@ -105,4 +105,6 @@ Napi::Object Init(Napi::Env env, Napi::Object exports) {
 }  // namespace
 }  // namespace ostriolib::node
 
-NODE_API_MODULE(ostriolib, ostriolib::node::Init)
+// The macro pastes the function's name into an identifier, so it takes an unqualified one.
+static Napi::Object InitOstriolib(Napi::Env env, Napi::Object exports) { return ostriolib::node::Init(env, exports); }
+NODE_API_MODULE(ostriolib, InitOstriolib)

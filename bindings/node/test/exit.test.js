@@ -10,6 +10,8 @@ const { after, before, test } = require('node:test');
 const { refreshRequests, startEnvironment } = require('./support.js');
 
 const CHILD = path.join(__dirname, 'refresh-child.js');
+// A child still running after this long is held open by something: that is the failure.
+const CHILD_BOUND_MS = 60000;
 let environment;
 
 before(async () => { environment = await startEnvironment(); });
@@ -25,8 +27,12 @@ function runChild(mode, record) {
     let stderr = '';
     child.stdout.on('data', (d) => { stdout += d; });
     child.stderr.on('data', (d) => { stderr += d; });
+    const bound = setTimeout(() => child.kill('SIGKILL'), CHILD_BOUND_MS);
     child.on('error', reject);
-    child.on('close', (code, signal) => resolve({ code, signal, stdout, stderr }));
+    child.on('close', (code, signal) => {
+      clearTimeout(bound);
+      resolve({ code, signal, stdout, stderr });
+    });
   });
 }
 
