@@ -26,7 +26,9 @@ async function startEnvironment(emulatorArgs = []) {
     OSTRIOLIB_DOMAIN_DEVELOPMENT: emulator.info.suffix,
     OSTRIOLIB_CABUNDLE: emulator.info.ca,
     OSTRIOLIB_KEYCHAIN: 'memory',
-    OSTRIOLIB_BROWSER: browser,
+    // Through env: under a sanitizer preset LD_PRELOAD carries its runtime, which the shell
+    // cannot start with.
+    OSTRIOLIB_BROWSER: `/usr/bin/env -u LD_PRELOAD ${browser}`,
     OSTRIOLIB_STATEDIR: path.join(dir, 'state'),
     OSTRIOLIB_DEBUG_DB: '/dev/null',
   };
