@@ -7,34 +7,26 @@ const assert = require('node:assert/strict');
 const { setImmediate: turn } = require('node:timers/promises');
 const v8 = require('node:v8');
 const vm = require('node:vm');
-const { after, before, test } = require('node:test');
-const { OBJECT_RELEASED, configure, handOverSession, refreshRequests, startEnvironment } = require('./support.js');
+const { test } = require('node:test');
+const { OBJECT_RELEASED, handOverSession, refreshRequests, withConfiguredLibrary } = require('./support.js');
 
 v8.setFlagsFromString('--expose-gc');
 const collectGarbage = vm.runInNewContext('gc');
 
-let environment;
-let ostriolib;
-
-before(async () => {
-  environment = await startEnvironment();
-  ostriolib = require('..');
-  configure(ostriolib, environment);
-});
-after(() => environment.stop());
+const library = withConfiguredLibrary();
 
 // An hour or less left: the auth manager refreshes. The emulator holds the answer back a while,
 // so the refresh is surely still running when the script acts.
 async function nearExpiry({ holdRefreshMs } = {}) {
-  const session = await handOverSession(ostriolib, environment.emulator, 60);
-  await environment.emulator.control('DELETE', '/requests');
-  if (holdRefreshMs) await environment.emulator.control('POST', '/faults', { route: 'refresh', delayMs: holdRefreshMs });
+  const session = await handOverSession(library.ostriolib, library.environment.emulator, 60);
+  await library.environment.emulator.control('DELETE', '/requests');
+  if (holdRefreshMs) await library.environment.emulator.control('POST', '/faults', { route: 'refresh', delayMs: holdRefreshMs });
   return session;
 }
 
 test('two calls back to back: one refresh; the second resolves at once with the token current then', async () => {
   const session = await nearExpiry({ holdRefreshMs: 1000 });
-  const client = ostriolib.Ostriolib.OstrioClient.getInstance();
+  const client = library.ostriolib.Ostriolib.OstrioClient.getInstance();
   const first = client.refreshAccessToken();
   const second = client.refreshAccessToken();
   assert.equal(await second, session.accessToken);
@@ -42,26 +34,26 @@ test('two calls back to back: one refresh; the second resolves at once with the 
   assert.notEqual(refreshed, session.accessToken);
   assert.equal(client.getAccessToken(), refreshed);
   assert.notEqual(client.getRefreshToken(), session.refreshToken);
-  assert.equal((await refreshRequests(environment.emulator)).length, 1);
+  assert.equal((await refreshRequests(library.environment.emulator)).length, 1);
   // Once settled, a later call may refresh again: the pending marker is gone (and the fresh token
   // needs no request).
   assert.equal(await client.refreshAccessToken(), refreshed);
-  assert.equal((await refreshRequests(environment.emulator)).length, 1);
+  assert.equal((await refreshRequests(library.environment.emulator)).length, 1);
 });
 
 test('a refused refresh resolves with the empty token and signs the user out', async () => {
   await nearExpiry();
-  await environment.emulator.control('POST', '/faults', { route: 'refresh', status: 401 });
-  const client = ostriolib.Ostriolib.OstrioClient.getInstance();
+  await library.environment.emulator.control('POST', '/faults', { route: 'refresh', status: 401 });
+  const client = library.ostriolib.Ostriolib.OstrioClient.getInstance();
   assert.equal(await client.refreshAccessToken(), '');
-  assert.equal((await refreshRequests(environment.emulator)).length, 1);
+  assert.equal((await refreshRequests(library.environment.emulator)).length, 1);
   assert.equal(client.isOstrioUserSignedIn(), false);
   assert.equal(client.getAccessToken(), '');
 });
 
 test('a client object released mid-refresh: the promise still settles, and nothing breaks', async () => {
   await nearExpiry({ holdRefreshMs: 500 });
-  const pending = ostriolib.Ostriolib.OstrioClient.getInstance().refreshAccessToken();
+  const pending = library.ostriolib.Ostriolib.OstrioClient.getInstance().refreshAccessToken();
   // The wrapper's finaliser runs on a later turn; collect twice around it.
   collectGarbage();
   await turn();
@@ -74,7 +66,7 @@ test('a client object released mid-refresh: the promise still settles, and nothi
     assert.equal(typeof outcome.token, 'string');
   }
   // The refresh itself went through for whoever asks next.
-  const client = ostriolib.Ostriolib.OstrioClient.getInstance();
+  const client = library.ostriolib.Ostriolib.OstrioClient.getInstance();
   assert.equal(client.isOstrioUserSignedIn(), true);
   assert.equal(await client.refreshAccessToken(), client.getAccessToken());
 });

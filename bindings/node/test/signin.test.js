@@ -5,28 +5,20 @@
 const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const path = require('node:path');
-const { after, before, test } = require('node:test');
-const { configure, recordAuthEvents, startEnvironment, SCHEME } = require('./support.js');
+const { test } = require('node:test');
+const { recordAuthEvents, refreshRequests, withConfiguredLibrary, SCHEME } = require('./support.js');
 
-let environment;
-let ostriolib;
-
-before(async () => {
-  environment = await startEnvironment();
-  ostriolib = require('..');
-  configure(ostriolib, environment);
-});
-after(() => environment.stop());
+const library = withConfiguredLibrary();
 
 test('the sign-in scheme runs the host\'s handler, not the bare node executable', () => {
   const entry = fs.readFileSync(
-    path.join(environment.env.XDG_DATA_HOME, 'applications', `${SCHEME}-url-handler.desktop`), 'utf8');
-  assert.match(entry, new RegExp(`^Exec="${environment.schemeHandler}" %u$`, 'm'));
-  assert.throws(() => ostriolib.configure({ clientName: 'Again', redirectUri: SCHEME }), /already configured/);
+    path.join(library.environment.env.XDG_DATA_HOME, 'applications', `${SCHEME}-url-handler.desktop`), 'utf8');
+  assert.match(entry, new RegExp(`^Exec="${library.environment.schemeHandler}" %u$`, 'm'));
+  assert.throws(() => library.ostriolib.configure({ clientName: 'Again', redirectUri: SCHEME }), /already configured/);
 });
 
 test('signed out: no token, and a refresh is rejected with false', async () => {
-  const client = ostriolib.Ostriolib.OstrioClient.getInstance();
+  const client = library.ostriolib.Ostriolib.OstrioClient.getInstance();
   assert.equal(client.isOstrioUserSignedIn(), false);
   assert.equal(client.getAccessToken(), '');
   assert.equal(client.getRefreshToken(), '');
@@ -35,18 +27,18 @@ test('signed out: no token, and a refresh is rejected with false', async () => {
 });
 
 test('sign-in through the redirect, then sign-out: SIGNED_IN then SIGNED_OUT, each reflecting the state', async () => {
-  const { OstrioClient, OstrioAuthEventObject } = ostriolib.Ostriolib;
+  const { OstrioClient, OstrioAuthEventObject } = library.ostriolib.Ostriolib;
   const events = recordAuthEvents(OstrioAuthEventObject);
   const client = OstrioClient.getInstance();
 
   assert.equal(client.signInOstrioUser(), true);
-  const [signInUrl] = environment.browsedUrls();
+  const [signInUrl] = library.environment.browsedUrls();
   assert.ok(signInUrl, 'the browser command was given the sign-in page');
   const page = new URL(signInUrl);
   assert.equal(page.searchParams.get('auth_callback'), `${SCHEME}://ostrio`);
-  const approved = await environment.emulator.request('accounts', 'GET', `${page.pathname}${page.search}&approve=1`);
+  const approved = await library.environment.emulator.request('accounts', 'GET', `${page.pathname}${page.search}&approve=1`);
   assert.equal(approved.status, 302);
-  assert.equal(ostriolib.handleCallbackUrl(approved.headers.location), 0);
+  assert.equal(library.ostriolib.handleCallbackUrl(approved.headers.location), 0);
 
   const signedIn = await events.next();
   assert.equal(signedIn.type, OstrioAuthEventObject.SIGNED_IN);
@@ -57,7 +49,7 @@ test('sign-in through the redirect, then sign-out: SIGNED_IN then SIGNED_OUT, ea
   assert.notEqual(client.getRefreshToken(), '');
   // A token with hours to live is handed back as it is, without asking the service.
   assert.equal(await OstrioClient.getInstance().refreshAccessToken(), token);
-  assert.equal((await environment.emulator.requests()).filter((r) => r.path.includes('/refresh_tokens/')).length, 0);
+  assert.equal((await refreshRequests(library.environment.emulator)).length, 0);
 
   assert.equal(client.signOutOstrioUser(), true);
   const signedOut = await events.next();
@@ -69,11 +61,11 @@ test('sign-in through the redirect, then sign-out: SIGNED_IN then SIGNED_OUT, ea
 });
 
 test('malformed input from the host gets a clear error', () => {
-  const { OstrioClient, OstrioAuthEventObject } = ostriolib.Ostriolib;
+  const { OstrioClient, OstrioAuthEventObject } = library.ostriolib.Ostriolib;
   assert.throws(() => new OstrioClient(), TypeError);
   assert.throws(() => OstrioClient.prototype.getAccessToken.call({}), TypeError);
   assert.throws(() => OstrioAuthEventObject.addEventListener('SignedUp', () => {}), TypeError);
-  assert.throws(() => ostriolib.handleCallbackUrl(42), TypeError);
-  assert.throws(() => ostriolib.handleCallbackUrl(`${SCHEME}://ostrio#${'x'.repeat(70000)}`), RangeError);
-  assert.ok(ostriolib.handleCallbackUrl('https://elsewhere.example/#token=x') < 0);
+  assert.throws(() => library.ostriolib.handleCallbackUrl(42), TypeError);
+  assert.throws(() => library.ostriolib.handleCallbackUrl(`${SCHEME}://ostrio#${'x'.repeat(70000)}`), RangeError);
+  assert.ok(library.ostriolib.handleCallbackUrl('https://elsewhere.example/#token=x') < 0);
 });

@@ -8,6 +8,7 @@ const assert = require('node:assert/strict');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
+const { after, before } = require('node:test');
 const { startEmulator } = require('../../../emulator/harness.js');
 
 const SCHEME = 'ostriolib-node-test';
@@ -56,6 +57,19 @@ function configure(ostriolib, environment) {
   });
 }
 
+// Hooks for a test file: before its tests an environment and the library configured for it,
+// both reachable through the returned object once they run.
+function withConfiguredLibrary() {
+  const context = {};
+  before(async () => {
+    context.environment = await startEnvironment();
+    context.ostriolib = require('..');
+    configure(context.ostriolib, context.environment);
+  });
+  after(() => context.environment.stop());
+  return context;
+}
+
 // A session whose access token has `lifetime` seconds left, handed over as the sign-in redirect
 // would hand it.
 async function handOverSession(ostriolib, emulator, lifetime) {
@@ -88,4 +102,6 @@ function recordAuthEvents(Events) {
   };
 }
 
-module.exports = { SCHEME, OBJECT_RELEASED, startEnvironment, configure, handOverSession, refreshRequests, recordAuthEvents };
+module.exports = {
+  SCHEME, OBJECT_RELEASED, startEnvironment, withConfiguredLibrary, handOverSession, refreshRequests, recordAuthEvents,
+};
