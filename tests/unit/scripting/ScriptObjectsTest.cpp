@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "ClientDoubles.h"
@@ -26,7 +27,24 @@ using State = RecordingPromise::State;
 
 class ScriptObjectsTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1); }
+  static void SetUpTestSuite() {
+    // The scheme registration writes below XDG_DATA_HOME and XDG_CONFIG_HOME.
+    std::string folder = (std::filesystem::temp_directory_path() / "ostrio-scripting-XXXXXX").string();
+    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
+    scratch = folder;
+    ::setenv("XDG_DATA_HOME", (scratch / "data").c_str(), 1);
+    ::setenv("XDG_CONFIG_HOME", (scratch / "config").c_str(), 1);
+    ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1);
+    // The client holds the auth manager it is initialised with.
+    OstrioClientObject::SetupOstrioAuth();
+    ASSERT_EQ(GetOstrioAuthManager()->Initialize(kelcore::ImmutableString("corvane+ScriptingTest/1.0.1"),
+                                                 kelcore::ImmutableString("ostrio-unit"), kEnvironmentDevelopment, {}),
+              0);
+  }
+  static void TearDownTestSuite() {
+    std::error_code ignored;
+    std::filesystem::remove_all(scratch, ignored);
+  }
 
   void SetUp() override {
     kelscripting::InstallScriptEngine(engine);
@@ -42,6 +60,8 @@ class ScriptObjectsTest : public ::testing::Test {
     kelcore::async::UninstallMainThreadDispatcher();
     kelscripting::InstallScriptEngine(nullptr);
   }
+
+  static inline std::filesystem::path scratch;
 
   std::shared_ptr<OstrioClientObject> NewObject() {
     return kelscripting::ObjectFactory::Make<OstrioClientObject>(
