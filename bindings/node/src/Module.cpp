@@ -53,6 +53,11 @@ Napi::Value Configure(const Napi::CallbackInfo& info) {
   const std::string version = StringOption(options, "version", false);
   const std::string buildNumber = StringOption(options, "buildNumber", false);
   const std::string schemeHandler = StringOption(options, "schemeHandler", false);
+  // The browser hands the sign-in back under this scheme; anything else could never come back.
+  if (!kelcore::UrlSchemeRegistration::IsValidScheme(redirectUri)) {
+    throw Napi::TypeError::New(env, "configure(options): options.redirectUri must be a URL scheme (a letter, then "
+                                    "letters, digits, '+', '-' or '.')");
+  }
 
   // The library takes its parameters once per process and ignores later ones; saying so beats
   // running on with values the host did not ask for.

@@ -65,6 +65,7 @@ test('malformed input from the host gets a clear error', () => {
   assert.throws(() => new OstrioClient(), TypeError);
   assert.throws(() => OstrioClient.prototype.getAccessToken.call({}), TypeError);
   assert.throws(() => OstrioAuthEventObject.addEventListener('SignedUp', () => {}), TypeError);
+  assert.throws(() => library.ostriolib.configure({ clientName: 'x', redirectUri: 'not a scheme' }), TypeError);
   assert.throws(() => library.ostriolib.handleCallbackUrl(42), TypeError);
   assert.throws(() => library.ostriolib.handleCallbackUrl(`${SCHEME}://ostrio#${'x'.repeat(70000)}`), RangeError);
   assert.ok(library.ostriolib.handleCallbackUrl('https://elsewhere.example/#token=x') < 0);
