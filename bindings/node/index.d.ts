@@ -38,7 +38,7 @@ export interface OstrioError extends Error {
 
 export namespace Ostriolib {
   /** Ostriolib Client */
-  class OstrioClient {
+  export class OstrioClient {
     private constructor();
     /** Get an object representing the Ostrio client (a new object each call, one client behind them). */
     static getInstance(): OstrioClient;
@@ -61,10 +61,10 @@ export namespace Ostriolib {
     getRefreshToken(): string;
   }
 
-  type OstrioAuthEventName = 'SignedIn' | 'SignedOut';
+  export type OstrioAuthEventName = 'SignedIn' | 'SignedOut';
 
   /** Ostriolib Authentication Events: delivered on the JavaScript thread. */
-  class OstrioAuthEventObject {
+  export class OstrioAuthEventObject {
     private constructor();
     /** Sent when a user is signed in. */
     static readonly SIGNED_IN: 'SignedIn';
