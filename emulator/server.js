@@ -17,6 +17,7 @@ const USAGE = `usage: node server.js [options]
   --http                 plain HTTP/1.1 instead of HTTPS (debugging)
   --name HOST            extra certificate name (repeatable)
   --token-lifetime S     access-token lifetime in seconds (default 7200)
+  --url-lifetime S       lifetime of signed media links in seconds (default 3600)
   --dataset demo|large   seed to serve (default demo)
   --fault JSON           arm a fault at start (repeatable; same object as POST /_emulator/faults)
   --no-log               keep no request log (benchmarks)
@@ -29,7 +30,7 @@ function fail(message) {
 }
 
 function parseArgs(argv) {
-  const opts = { port: 8443, state: null, http: false, names: [], tokenLifetime: 7200, dataset: 'demo', faults: [], keepLog: true, quiet: false };
+  const opts = { port: 8443, state: null, http: false, names: [], tokenLifetime: 7200, urlLifetime: 3600, dataset: 'demo', faults: [], keepLog: true, quiet: false };
   for (let i = 0; i < argv.length; i++) {
     let arg = argv[i];
     let value;
@@ -58,10 +59,10 @@ function parseArgs(argv) {
         opts.names.push(v);
         break;
       }
-      case '--token-lifetime': {
+      case '--token-lifetime': case '--url-lifetime': {
         const v = next();
-        if (!/^-?\d+$/.test(v)) fail(`bad token lifetime ${v}`);
-        opts.tokenLifetime = Number(v);
+        if (!/^-?\d{1,9}$/.test(v)) fail(`bad lifetime ${v} for ${arg}`);
+        opts[arg === '--token-lifetime' ? 'tokenLifetime' : 'urlLifetime'] = Number(v);
         break;
       }
       case '--dataset': {
@@ -92,7 +93,7 @@ function main() {
   let emulator;
   try {
     emulator = new Emulator({
-      state, scheme, datasetKind: opts.dataset, tokenLifetime: opts.tokenLifetime,
+      state, scheme, datasetKind: opts.dataset, tokenLifetime: opts.tokenLifetime, urlLifetime: opts.urlLifetime,
       keepLog: opts.keepLog, quiet: opts.quiet, faults: opts.faults, names: opts.names,
     });
   } catch (err) {

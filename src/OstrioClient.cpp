@@ -14,6 +14,7 @@
 #include "kelcore/Logging.h"
 #include "kelcore/ResultCodes.h"
 #include "kelnet/URL.h"
+#include "OstrioServiceProvider.h"
 #include "ostriolib/OstrioConfiguration.h"
 
 namespace ostriolib {
@@ -38,7 +39,8 @@ kelcore::SourceSite Continuation(int line, std::string_view function, int index 
 std::shared_ptr<OstrioClient> OstrioClient::GetInstance() {
   // Thread-safe static initialisation: concurrent first callers wait for the one construction.
   static const std::shared_ptr<OstrioClient> instance(
-      new OstrioClient(GetOstrioAuthManager(), CreateOstrioServiceProvider()));
+      new OstrioClient(GetOstrioAuthManager(),
+                       kelcore::classref::AllocateClassInstance<OstrioServiceProvider>()));
   return instance;
 }
 
@@ -113,7 +115,9 @@ InterfaceRef<IOstrioService> OstrioClient::Service() const {
 }
 
 void OstrioClient::OnAccessTokenExpired() {
-  auto preparation = PrepareQuery();
+  // Unlike a query's preparation, this one fails when no token came: the host is told the refresh
+  // failed, with the refresh's own code, rather than that it succeeded.
+  auto preparation = Prepare(true);
   {
     std::lock_guard lock(stateMutex_);
     pendingTokenExpiry_ = preparation;
@@ -150,7 +154,9 @@ void OstrioClient::Broadcast(Values... values) {
 
 // ---- the query pipeline ----
 
-Future<void> OstrioClient::PrepareQuery() {
+Future<void> OstrioClient::PrepareQuery() { return Prepare(false); }
+
+Future<void> OstrioClient::Prepare(bool failWithoutToken) {
   // The pending request is claimed under the lock before the auth manager is asked, so two
   // preparations on two threads cannot both start one; it completes through our own promise,
   // because the auth manager may answer at once, inside the call.
@@ -166,7 +172,7 @@ Future<void> OstrioClient::PrepareQuery() {
 
   std::weak_ptr<OstrioClient> weak = WeakFromThisAs<OstrioClient>();
   auto prepared = token.GetFuture().Then(
-      [weak](Future<ImmutableString> done) {
+      [weak, failWithoutToken](Future<ImmutableString> done) {
         auto strongThis = weak.lock();
         KEL_THROW_IF_AT(!strongThis, kelcore::kErrorPreconditionFailed, "",
                         Continuation(__LINE__, "ostriolib::OstrioClient::PrepareQuery"));
@@ -176,7 +182,10 @@ Future<void> OstrioClient::PrepareQuery() {
         }
         // No token (nobody signed in, a refused refresh): the query goes on with the service as it
         // is, and fails there if there is none.
-        if (done.GetResult() < 0) return;
+        if (done.GetResult() < 0) {
+          if (failWithoutToken) std::rethrow_exception(done.GetException());
+          return;
+        }
         const int result = strongThis->InitializeOstrioService(done.Get());
         KEL_THROW_IF_AT(kelcore::ResultFailed(result), kelcore::kErrorOperationFailed,
                         "Could not initialize the OstrioService",

@@ -20,7 +20,7 @@
 #include "kelcore/ResultCodes.h"
 #include "kelnet/URL.h"
 #include "ostriolib/OstrioClient.h"
-#include "ostriolib/OstrioResponseKeys.h"
+#include "ostriolib/OstrioKeys.h"
 
 namespace ostriolib {
 

@@ -41,7 +41,7 @@ std::string WriteCredentialRecord(const CredentialRecord& record) {
 }
 
 bool ParseCredentialRecord(std::string_view text, CredentialRecord& record) {
-  if (text.empty()) return false;
+  if (text.empty() || text.size() > kMaxCredentialRecordBytes) return false;
   std::map<std::string_view, std::string_view> items;
   for (std::string_view item : Split(text, '&')) {
     const auto parts = Split(item, '=');

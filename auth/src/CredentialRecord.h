@@ -6,6 +6,7 @@
 //
 // Values are written raw: the service never puts '&' or '=' into them.
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,9 @@
 #include "ostriolib/OstrioExport.h"
 
 namespace ostriolib {
+
+// A record is four short values; a longer text is not one, and is not looked into.
+inline constexpr std::size_t kMaxCredentialRecordBytes = 64 * 1024;
 
 struct CredentialRecord {
   kelcore::ImmutableString userId;
@@ -25,8 +29,9 @@ std::string WriteCredentialRecord(const CredentialRecord& record);
 
 // Items split on runs of '&', each on runs of '='; an item that is not exactly key and value is
 // skipped, and of repeated keys the first counts. The token value loses its first nine characters
-// (the length of "Bearer%20", not compared). false when the text is empty or one of the four keys
-// is missing; fields filled before the failing step keep their values.
+// (the length of "Bearer%20", not compared). false when the text is empty or longer than
+// kMaxCredentialRecordBytes, or one of the four keys is missing; fields filled before the failing
+// step keep their values.
 bool ParseCredentialRecord(std::string_view text, CredentialRecord& record);
 
 }  // namespace ostriolib

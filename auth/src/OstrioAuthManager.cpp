@@ -22,6 +22,7 @@
 #include "kelnet/Constants.h"
 #include "kelnet/URL.h"
 #include "LibraryConfiguration.h"
+#include "PlatformSettings.h"
 
 namespace ostriolib {
 
@@ -43,6 +44,29 @@ constexpr std::string_view kHeaderClient = "x-ostrio-client";
 constexpr std::string_view kHeaderPreview = "x-preview-environment";
 constexpr std::string_view kTraceCategory = "ostriolib";
 constexpr std::string_view kUrlSafeBytes = "-_.~0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+// A callback URL is the scheme, the host and a credential record; anything longer is not one.
+constexpr std::size_t kMaxCallbackUrlBytes = kMaxCredentialRecordBytes + 1024;
+
+// A refresh that got no verdict on its refresh token: no answer at all, a server error, throttling,
+// or a status that is neither success nor refusal (a proxy's or a captive portal's). The token may
+// well be good, so the failure keeps the credentials (doc/decisions/017).
+class RefreshUnanswered : public kelcore::kel_exception {
+ public:
+  explicit RefreshUnanswered(const kelcore::kel_exception& failure) : kelcore::kel_exception(failure) {}
+};
+
+bool IsRefusal(int status) { return status >= 400 && status <= 499 && status != kelnet::kStatusTooManyRequests; }
+
+bool IsUnanswered(const std::exception_ptr& error) {
+  try {
+    std::rethrow_exception(error);
+  } catch (const RefreshUnanswered&) {
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
 
 // Initialize's work happens once per process, whichever instance is asked.
 std::atomic<bool> sInitialized{false};
@@ -98,6 +122,24 @@ std::string ResultText(Result code) {
   return text;
 }
 
+// Every byte outside kUrlSafeBytes as '%' and upper-case hex: two digits, or (`twoDigits` false)
+// without a leading zero, the form the sign-in page expects.
+std::string PercentEncode(std::string_view text, bool twoDigits) {
+  static const char* const kHex = "0123456789ABCDEF";
+  std::string out;
+  for (char c : text) {
+    if (kUrlSafeBytes.find(c) != std::string_view::npos) {
+      out += c;
+      continue;
+    }
+    const auto byte = static_cast<unsigned char>(c);
+    out += '%';
+    if (twoDigits || byte >= 0x10) out += kHex[byte >> 4];
+    out += kHex[byte & 0xF];
+  }
+  return out;
+}
+
 // Letter case as the host's locale sees it: the browser or the desktop may change the case of
 // the scheme and host, and the scheme is the host's own choice of name.
 std::string UpperCase(std::string_view text) {
@@ -117,7 +159,7 @@ std::int64_t ParseSeconds(std::string_view text) {
 }  // namespace
 
 OstrioAuthManager::OstrioAuthManager()
-    : OstrioAuthManager(kelcore::KeychainUtils::GetKeychainUtils(), kelcore::OSUtilsWrapper::GetOSUtilsWrapper()) {}
+    : OstrioAuthManager(PlatformSettings::CreateKeychain(), PlatformSettings::CreateUrlOpener()) {}
 
 OstrioAuthManager::OstrioAuthManager(kelcore::classref::InterfaceRef<kelcore::IKeychainUtils> keychain,
                                      kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper> osUtils)
@@ -270,11 +312,16 @@ void OstrioAuthManager::SaveCredentials(const ImmutableString& userId, const Imm
 }
 
 void OstrioAuthManager::StoreCredentials(std::string_view text) {
-  InvalidateCredentials();
   auto keychain = Keychain();
   if (!keychain) return;
-  // A failed write shows as "not signed in" on the next start; the store reports the reason.
-  keychain->AddPassword(ServiceName(), GetCredentialAccountName(), kelcore::UTF8ToUTF16(text), true);
+  // The store replaces the old record only once the new one is in place: a write that fails
+  // (a full disk, a refused folder) leaves the previous sign-in rather than none.
+  const Result result =
+      keychain->AddPassword(ServiceName(), GetCredentialAccountName(), kelcore::UTF8ToUTF16(text), true);
+  if (kelcore::ResultFailed(result)) {
+    kelcore::logging::LogWarning(kTraceCategory, "Could not store the credentials; the stored record is unchanged",
+                                 {{"result", ResultText(result)}});
+  }
 }
 
 bool OstrioAuthManager::InvalidateCredentials() {
@@ -310,20 +357,13 @@ int OstrioAuthManager::Logout() {
 
 // ---- browser sign-in ----
 
-std::string OstrioAuthManager::UrlEncode(std::string_view text) {
-  static const char* const kHex = "0123456789ABCDEF";
-  std::string out;
-  for (char c : text) {
-    if (kUrlSafeBytes.find(c) != std::string_view::npos) {
-      out += c;
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(c);
-    out += '%';
-    if (byte >= 0x10) out += kHex[byte >> 4];
-    out += kHex[byte & 0xF];
-  }
-  return out;
+std::string OstrioAuthManager::UrlEncode(std::string_view text) { return PercentEncode(text, false); }
+
+std::string OstrioAuthManager::EncodePathSegment(std::string_view text) {
+  // "." and ".." are dot-segments, which a URL parser removes along with the segment before.
+  if (text == ".") return "%2E";
+  if (text == "..") return "%2E%2E";
+  return PercentEncode(text, true);
 }
 
 ImmutableString OstrioAuthManager::GetAuthCallbackUrl(bool encode) {
@@ -417,7 +457,12 @@ int OstrioAuthManager::ProcessRedirectedCallbackUrl(const kelcore::U8Str& url) {
   int result = kelcore::kErrorNoServerResponse;
   const std::string_view text = kelcore::AsStringView(url);
   const std::string expected = UpperCase(GetAuthCallbackUrl(false).View());
-  if (UpperCase(text).find(expected) == std::string::npos) {
+  if (text.size() > kMaxCallbackUrlBytes) {
+    kelcore::logging::LogWarning(kTraceCategory, "Ignoring a sign-in callback URL longer than the bound",
+                                 {{"bytes", std::to_string(text.size())},
+                                  {"bound", std::to_string(kMaxCallbackUrlBytes)}});
+    result = kelcore::kErrorInvalidArgument;
+  } else if (UpperCase(text).find(expected) == std::string::npos) {
     result = kelcore::kErrorInvalidArgument;
   } else if (const auto hash = text.find('#'); hash != std::string_view::npos) {
     const std::string_view fragment = text.substr(hash + 1);
@@ -498,11 +543,15 @@ Future<ImmutableString> OstrioAuthManager::GetOstrioAccessToken(bool forceRefres
     const std::exception_ptr error = done.GetException();
     const Result code = kelcore::ExtractResultFromException(error);
     if (kelcore::ResultFailed(code)) {
-      // A refresh token the service turned down will not work later either.
+      // A refresh token the service turned down will not work later either; one that got no
+      // verdict is tried again by the next caller, and the user stays signed in meanwhile.
+      const bool keep = IsUnanswered(error);
       if (kelcore::logging::IsTraceEnabled(kTraceCategory, 3)) {
-        kelcore::logging::Trace(kTraceCategory, 3, "Ostrio access token refresh failed, signing out: " + ResultText(code));
+        kelcore::logging::Trace(kTraceCategory, 3,
+                                std::string("Ostrio access token refresh failed, ") +
+                                    (keep ? "keeping the credentials: " : "signing out: ") + ResultText(code));
       }
-      strongThis->Logout();
+      if (!keep) strongThis->Logout();
       std::rethrow_exception(error);
     }
     ImmutableString accessToken, userId, refreshToken, expiresAt;
@@ -530,7 +579,8 @@ Future<void> OstrioAuthManager::RefreshJwtAccessToken(const kelcore::U8Str& refr
   const ImmutableString domain = GetDomainSuffix(environment);
   const kelnet::URL url = kelnet::ReplaceInURL(
       kRefreshUrlTemplate,
-      {{ImmutableString(":refresh_token"), ImmutableString(refreshToken)}, {ImmutableString(":domain"), domain}});
+      {{ImmutableString(":refresh_token"), ImmutableString(EncodePathSegment(kelcore::AsStringView(refreshToken)))},
+       {ImmutableString(":domain"), domain}});
 
   std::weak_ptr<OstrioAuthManager> weakThis = WeakFromThisAs<OstrioAuthManager>();
   return PostForAuthorization(url.Text(), nullptr).Then([weakThis](Future<std::shared_ptr<kelnet::Response>> done) {
@@ -538,8 +588,13 @@ Future<void> OstrioAuthManager::RefreshJwtAccessToken(const kelcore::U8Str& refr
     auto strongThis = weakThis.lock();
     KEL_THROW_IF_IN(!strongThis, kelcore::kErrorPreconditionFailed, "", kFunction);
     const std::shared_ptr<kelnet::Response> response = done.Get();
-    KEL_THROW_IF_IN(!response, kelcore::kErrorNoResponse, "", kFunction);
-    KEL_THROW_IF_IN(!response->IsSuccess(), kelcore::kErrorRefreshRejected, "", kFunction);
+    try {
+      KEL_THROW_IF_IN(!response, kelcore::kErrorNoResponse, "", kFunction);
+      KEL_THROW_IF_IN(!response->IsSuccess(), kelcore::kErrorRefreshRejected, "", kFunction);
+    } catch (const kelcore::kel_exception& failure) {
+      if (!response || !IsRefusal(response->StatusCode())) throw RefreshUnanswered(failure);
+      throw;
+    }
 
     const ImmutableString bearerAuthToken = response->LastHeader(kelnet::kHEADER_AUTHORIZATION.View());
     KEL_THROW_IF_IN(bearerAuthToken.empty(), kelcore::kErrorRefreshRejected, "", kFunction);
@@ -585,8 +640,11 @@ Future<std::shared_ptr<kelnet::Response>> OstrioAuthManager::PostForAuthorizatio
   auto completion = [promise](const kelcore::utility::Guid&, const std::shared_ptr<kelnet::Response>& response) {
     promise.SetValue(response);
   };
-  if (!post(kelcore::utility::Guid::CreateUnique(), completion, url, body, headers, kelnet::Configuration())) {
-    return MakeFailedFuture<std::shared_ptr<kelnet::Response>>(kelcore::kErrorFailed);
+  kelnet::Configuration configuration;
+  configuration.caBundlePath = PlatformSettings::CaBundlePath();
+  if (!post(kelcore::utility::Guid::CreateUnique(), completion, url, body, headers, configuration)) {
+    return MakeFailedFuture<std::shared_ptr<kelnet::Response>>(
+        std::make_exception_ptr(RefreshUnanswered(kelcore::kel_exception(kelcore::kErrorFailed))));
   }
   return promise.GetFuture();
 }

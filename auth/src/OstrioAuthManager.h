@@ -43,7 +43,8 @@ class OstrioAuthManager : public IOstrioAuthManager {
 
   static constexpr std::u16string_view kCredentialService = u"com.corvane.ostrio.token";
 
-  // The platform's credential store and URL opener; no I/O happens here.
+  // The credential store and URL opener the library's settings name (PlatformSettings); the
+  // Secret Service is not probed here.
   OstrioAuthManager();
   OstrioAuthManager(kelcore::classref::InterfaceRef<kelcore::IKeychainUtils> keychain,
                     kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper> osUtils);
@@ -94,6 +95,10 @@ class OstrioAuthManager : public IOstrioAuthManager {
   // Percent-encodes every byte outside "-_.~", digits and ASCII letters as '%' and upper-case hex
   // without a leading zero (0x0A becomes "%A"): the form the sign-in page expects.
   static std::string UrlEncode(std::string_view text);
+  // Percent-encodes `text` as one path segment: every byte outside "-_.~", digits and ASCII
+  // letters as '%' and two upper-case hex digits, and "." or ".." in whole, so that no text can
+  // add, remove or climb out of a segment of the URL it goes into.
+  static std::string EncodePathSegment(std::string_view text);
 
  protected:
   kelcore::async::Future<kelcore::ImmutableString> GetOstrioAccessToken(bool forceRefresh);

@@ -8,10 +8,14 @@ const { SignIn } = require('./signin');
 const { FaultBoard, MALFORMED_BODY } = require('./faults');
 const { RequestLog } = require('./requestLog');
 const { resolveMedia, mediaPlan } = require('./media');
+const { UrlSigner } = require('./urlSigner');
 
 const MAX_BODY = 16 * 1024 * 1024;
 const REFRESH_RE = /^\/v2\/auth\/refresh_tokens\/([^/]+)\/apply$/;
 const THROTTLE_TICK_MS = 50;
+// Lifetimes stay within what the --*-lifetime flags accept, so an expiry is always a plain
+// integer number of seconds (never 1e+300).
+const isLifetime = (v) => Number.isInteger(v) && Math.abs(v) <= 999999999;
 
 function notFound(what) {
   return json(404, { error: 'not found', path: what });
@@ -75,14 +79,15 @@ function roleOf(authority, extraNames) {
 }
 
 class Emulator {
-  constructor({ state, scheme, datasetKind, tokenLifetime, keepLog, quiet, faults = [], names = [] }) {
+  constructor({ state, scheme, datasetKind, tokenLifetime, urlLifetime = 3600, keepLog, quiet, faults = [], names = [] }) {
     this.scheme = scheme;
     this.state = state;
     this.quiet = quiet;
     this.extraNames = names.map((n) => n.toLowerCase());
     this.dataset = new Dataset(datasetKind);
     this.tokens = new TokenAuthority({ stateDir: state.dir, lifetime: tokenLifetime, userExists: (id) => this.dataset.users.has(id) });
-    this.graphql = new GraphqlEndpoint({ dataset: this.dataset, tokens: this.tokens, log: (m) => this.note(m) });
+    this.urls = new UrlSigner({ stateDir: state.dir, lifetime: urlLifetime });
+    this.graphql = new GraphqlEndpoint({ dataset: this.dataset, tokens: this.tokens, mediaUrl: (p) => this.mediaUrl(p), log: (m) => this.note(m) });
     this.signIn = new SignIn({ dataset: this.dataset, tokens: this.tokens });
     this.faults = new FaultBoard();
     this.requests = new RequestLog({ enabled: keepLog });
@@ -103,7 +108,11 @@ class Emulator {
     this.port = port;
     this.suffix = `.ostrio.localhost:${port}`;
     this.mediaBase = `${this.scheme}://media${this.suffix}`;
-    this.graphql.mediaBase = this.mediaBase;
+  }
+
+  // A signed link to a media path on the media host, valid for the configured lifetime.
+  mediaUrl(target, lifetime) {
+    return `${this.mediaBase}${target}?${this.urls.sign(target, lifetime).query}`;
   }
 
   note(message) {
@@ -120,6 +129,7 @@ class Emulator {
       dataset: this.dataset.kind,
       stateDir: this.state.dir,
       tokenLifetime: this.tokens.lifetime,
+      urlLifetime: this.urls.lifetime,
       refreshTokenHeader: 'x-refresh-token',
       certificateNames: this.state.names,
     };
@@ -238,7 +248,14 @@ class Emulator {
         return this.refresh(req, safeDecode(REFRESH_RE.exec(path)[1]));
       case 'media': {
         if (req.method !== 'GET' && req.method !== 'HEAD') return { ...json(405, { error: 'use GET or HEAD' }), headers: { 'content-type': 'application/json; charset=utf-8', allow: 'GET, HEAD' } };
-        const resource = resolveMedia(this.dataset, path.slice('/media/'.length).split('/').map(safeDecode));
+        const segments = path.slice('/media/'.length).split('/').map(safeDecode);
+        // Synthetic resources are the benchmarks' and transport tests' raw bytes, fetched by
+        // reference tools that know nothing of signatures; everything the API links to is signed.
+        if (segments[0] !== 'synthetic') {
+          const refusal = this.mediaAccess(req, path, search);
+          if (refusal) return refusal;
+        }
+        const resource = resolveMedia(this.dataset, segments);
         return resource ? mediaPlan(resource, req) : notFound(path);
       }
       case 'welcome':
@@ -246,6 +263,21 @@ class Emulator {
       default:
         return notFound(path);
     }
+  }
+
+  // Like an object store, checked before the resource is looked up: an unsigned request learns
+  // nothing about what exists. A bearer token next to the signature is two authentication
+  // mechanisms at once, which stores refuse as a bad request (and it means the client leaked
+  // its API token to the media host).
+  mediaAccess(req, path, search) {
+    const raw = req.rawHeaders;
+    for (let i = 0; i < raw.length; i += 2) {
+      if (raw[i].toLowerCase() === 'authorization') {
+        return json(400, { error: 'only one authentication mechanism allowed: a signed media link takes no Authorization header' });
+      }
+    }
+    const reason = this.urls.verify(path, search);
+    return reason ? json(403, { error: 'forbidden', reason }) : null;
   }
 
   refresh(req, refreshToken) {
@@ -285,14 +317,16 @@ class Emulator {
       if (fm && m === 'DELETE') return this.faults.remove(Number(fm[1])) ? json(200, { removed: true }) : json(404, { error: 'no such fault' });
       if (sub === '/session' && m === 'POST') return this.mintSession(input);
       if (sub === '/revoke' && m === 'POST') return this.revoke(input);
-      if (sub === '/config' && m === 'GET') return json(200, { tokenLifetime: this.tokens.lifetime });
+      if (sub === '/config' && m === 'GET') return json(200, this.config());
       if (sub === '/config' && m === 'POST') {
-        if (input.tokenLifetime !== undefined) {
-          if (!Number.isInteger(input.tokenLifetime)) return json(400, { error: 'tokenLifetime must be an integer number of seconds' });
-          this.tokens.lifetime = input.tokenLifetime;
+        for (const key of ['tokenLifetime', 'urlLifetime']) {
+          if (input[key] !== undefined && !isLifetime(input[key])) return json(400, { error: `${key} must be an integer number of seconds` });
         }
-        return json(200, { tokenLifetime: this.tokens.lifetime });
+        if (input.tokenLifetime !== undefined) this.tokens.lifetime = input.tokenLifetime;
+        if (input.urlLifetime !== undefined) this.urls.lifetime = input.urlLifetime;
+        return json(200, this.config());
       }
+      if (sub === '/sign' && m === 'POST') return this.sign(input);
       if (sub === '/data' && m === 'GET') return json(200, this.seedSummary());
     } catch (err) {
       return json(400, { error: err.message });
@@ -300,10 +334,25 @@ class Emulator {
     return json(404, { error: 'no such control endpoint', method: m, path: `/_emulator${sub}` });
   }
 
+  config() {
+    return { tokenLifetime: this.tokens.lifetime, urlLifetime: this.urls.lifetime };
+  }
+
+  // Signs any media path, existing or not, so tests can fetch what the API would link to, ask
+  // for a missing resource with a valid link (404), or make a stale link with a negative lifetime.
+  sign(input) {
+    if (typeof input.path !== 'string' || !/^\/media\/[\x21-\x7e]+$/.test(input.path) || /[?#]/.test(input.path)) {
+      return json(400, { error: '"path" must be a media path such as /media/<assetId>/original.mp4, without query' });
+    }
+    if (input.lifetime !== undefined && !isLifetime(input.lifetime)) return json(400, { error: 'lifetime must be an integer number of seconds' });
+    const { expires, query } = this.urls.sign(input.path, input.lifetime ?? this.urls.lifetime);
+    return json(200, { url: `${this.mediaBase}${input.path}?${query}`, query, expires });
+  }
+
   mintSession(input) {
     const userId = input.userId ?? this.dataset.demoUser.id;
     if (!this.dataset.users.has(userId)) return json(400, { error: `unknown userId ${JSON.stringify(userId)}` });
-    if (input.lifetime !== undefined && !Number.isInteger(input.lifetime)) return json(400, { error: 'lifetime must be an integer number of seconds' });
+    if (input.lifetime !== undefined && !isLifetime(input.lifetime)) return json(400, { error: 'lifetime must be an integer number of seconds' });
     return json(200, this.tokens.session(userId, input.lifetime ?? this.tokens.lifetime));
   }
 
@@ -327,7 +376,7 @@ class Emulator {
     const video = (v) => v && {
       id: v.id, name: v.name, folderId: v.parentId, size: v.size, seed: v.seed,
       thumbnailSize: v.thumbnailSize, thumbnailSeed: v.thumbnailSeed,
-      downloadUrl: `${this.mediaBase}/media/${v.id}/original.mp4`, thumbnailUrl: `${this.mediaBase}/media/${v.id}/thumbnail.jpg`,
+      downloadUrl: this.mediaUrl(`/media/${v.id}/original.mp4`), thumbnailUrl: this.mediaUrl(`/media/${v.id}/thumbnail.jpg`),
     };
     const folders = [];
     for (const a of d.assets.values()) {

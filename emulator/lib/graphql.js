@@ -1,5 +1,6 @@
 'use strict';
 
+const { isUtf8 } = require('node:buffer');
 const { parse, validate, execute, specifiedRules, GraphQLError } = require('graphql');
 const { createSchema } = require('./schema');
 const { KNOWN_QUERIES } = require('./knownQueries');
@@ -31,6 +32,23 @@ function json(status, value, extraHeaders = {}) {
   };
 }
 
+// The body must be JSON by its declared type, not by a name that looks like it: the media type
+// exactly application/json (any letter case), parameters well-formed, and JSON is UTF-8, so a
+// charset parameter can only say that.
+const TOKEN = "[!#$%&'*+.^_`|~0-9A-Za-z-]+";
+const JSON_CONTENT_TYPE = new RegExp(`^application/json[ \\t]*((;[ \\t]*${TOKEN}=(${TOKEN}|"(?:[^"\\\\]|\\\\.)*")[ \\t]*)*)$`, 'i');
+const PARAMETER = new RegExp(`(${TOKEN})=(${TOKEN}|"(?:[^"\\\\]|\\\\.)*")`, 'g');
+
+function isJsonContentType(value) {
+  const m = JSON_CONTENT_TYPE.exec(value);
+  if (!m) return false;
+  for (const [, name, raw] of m[1].matchAll(PARAMETER)) {
+    const v = raw.startsWith('"') ? raw.slice(1, -1).replace(/\\(.)/g, '$1') : raw;
+    if (name.toLowerCase() === 'charset' && v.toLowerCase() !== 'utf-8') return false;
+  }
+  return true;
+}
+
 const UNAUTHENTICATED = { errors: [{ message: 'unauthenticated' }] };
 const DOC_CACHE_LIMIT = 2000;
 // The library's documents are a few hundred bytes; caching only small ones keeps a client that
@@ -38,11 +56,11 @@ const DOC_CACHE_LIMIT = 2000;
 const DOC_CACHE_MAX_LENGTH = 64 * 1024;
 
 class GraphqlEndpoint {
-  constructor({ dataset, tokens, log }) {
+  constructor({ dataset, tokens, mediaUrl, log }) {
     this.schema = createSchema();
     this.dataset = dataset;
     this.tokens = tokens;
-    this.mediaBase = '';
+    this.mediaUrl = mediaUrl;
     this.log = log;
     // Parsing and validating the same few texts again and again is most of the cost of a
     // request under load; a document's validity does not change, so keep the verdict.
@@ -72,8 +90,10 @@ class GraphqlEndpoint {
     return op && op.name ? op.name.value : null;
   }
 
-  // The request body as JSON, or undefined when it is not JSON.
+  // The request body as JSON, or undefined when it is not JSON. Bytes that are not UTF-8 would
+  // decode to replacement characters and slip through, so they make the body invalid.
   static parseBody(rawBody) {
+    if (!isUtf8(rawBody)) return undefined;
     try {
       return JSON.parse(rawBody.toString('utf8'));
     } catch {
@@ -86,7 +106,7 @@ class GraphqlEndpoint {
   handle(req, body) {
     if (req.method !== 'POST') return json(405, { errors: [{ message: 'use POST' }] }, { allow: 'POST' });
     const type = String(req.headers['content-type'] || '');
-    if (!/^application\/json\s*(;|$)/i.test(type)) {
+    if (!isJsonContentType(type)) {
       return json(415, { errors: [{ message: `content-type must be application/json, got ${JSON.stringify(type)}` }] });
     }
     if (body === undefined) return json(400, { errors: [{ message: 'request body is not valid JSON' }] });
@@ -111,7 +131,7 @@ class GraphqlEndpoint {
       document,
       variableValues: body.variables || {},
       operationName: body.operationName || undefined,
-      contextValue: { dataset: this.dataset, user, mediaBase: this.mediaBase },
+      contextValue: { dataset: this.dataset, user, mediaUrl: this.mediaUrl },
     });
     const out = {};
     if (result.errors) out.errors = result.errors.map((e) => e.toJSON());
@@ -137,4 +157,4 @@ class GraphqlEndpoint {
   }
 }
 
-module.exports = { GraphqlEndpoint, identifyQuery, json };
+module.exports = { GraphqlEndpoint, identifyQuery, isJsonContentType, json };

@@ -167,10 +167,14 @@ function decodeCursor(cursor, scope, total) {
   return index;
 }
 
+// A non-positive `first` asks for no nodes at all: count queries and the folder query's unwanted
+// kind send 0 and read only totalCount. The cursor is still checked, and hasNextPage says
+// whether anything follows the position asked about; there is no last node, so no endCursor.
 function paginate(items, page, scope) {
   const { first, after } = page;
-  if (first < 0 || first > MAX_PAGE) throw badInput(`page.first must be between 0 and ${MAX_PAGE}, got ${first}`);
+  if (first > MAX_PAGE) throw badInput(`page.first must be at most ${MAX_PAGE}, got ${first}`);
   const start = after == null ? 0 : decodeCursor(after, scope, items.length) + 1;
+  if (first <= 0) return { nodes: [], totalCount: items.length, pageInfo: { endCursor: null, hasNextPage: start < items.length } };
   const nodes = items.slice(start, start + first);
   return {
     nodes,
@@ -182,7 +186,7 @@ function paginate(items, page, scope) {
   };
 }
 
-// Context of one request: {dataset, user, mediaBase}.
+// Context of one request: {dataset, user, mediaUrl(path) → signed link}.
 function account(ctx, id) {
   const a = ctx.dataset.accounts.get(id);
   if (!a || !ctx.dataset.canSee(ctx.user, a.id)) throw notFound('account', id);
@@ -221,7 +225,7 @@ function createSchema() {
       },
     },
     AuthenticatedUser: {
-      profileImageUrl: (user, _args, ctx) => `${ctx.mediaBase}/media/${user.id}/avatar.jpg`,
+      profileImageUrl: (user, _args, ctx) => ctx.mediaUrl(`/media/${user.id}/avatar.jpg`),
       accounts: (user, { page }, ctx) => {
         const nodes = user.accountIds.map((id) => ({ account: ctx.dataset.accounts.get(id), role: 'OWNER' }));
         return paginate(nodes, page, `acc:${user.id}`);
@@ -240,9 +244,9 @@ function createSchema() {
     VideoAsset: {
       fileSize: (v) => v.size,
       media: (v, _args, ctx) => ({
-        original: { downloadUrl: `${ctx.mediaBase}/media/${v.id}/original.mp4`, fileSize: v.size, contentType: 'video/mp4' },
+        original: { downloadUrl: ctx.mediaUrl(`/media/${v.id}/original.mp4`), fileSize: v.size, contentType: 'video/mp4' },
       }),
-      thumbnailImageUrl: (v, _args, ctx) => ({ url: `${ctx.mediaBase}/media/${v.id}/thumbnail.jpg` }),
+      thumbnailImageUrl: (v, _args, ctx) => ({ url: ctx.mediaUrl(`/media/${v.id}/thumbnail.jpg`) }),
     },
   };
   for (const [typeName, fields] of Object.entries(resolvers)) {

@@ -7,7 +7,8 @@ const path = require('node:path');
 const { execFileSync } = require('node:child_process');
 
 // The state folder holds what must survive restarts: the local CA (so a client that trusted it
-// once keeps trusting it), the server certificate, the JWT secret and the token ledger.
+// once keeps trusting it), the server certificate, the JWT secret, the token ledger and the
+// secret that signs media links (a link handed out before a restart still works after it).
 // Several emulators may start at once on the same folder (parallel test runs, a demo and a
 // benchmark), so everything that creates files runs under a directory lock, and each file is
 // written to a temporary name and renamed into place.
@@ -118,7 +119,7 @@ function serverCertCurrent(dir, names, caFingerprint) {
   }
 }
 
-// Creates (or reuses) CA, server certificate and JWT secret. Returns the paths and PEM texts.
+// Creates (or reuses) CA, server certificate, JWT secret and media-link secret. Returns the paths and PEM texts.
 function prepareState(dir, extraNames = []) {
   fs.mkdirSync(dir, { recursive: true, mode: 0o700 });
   const names = [...BASE_NAMES];
@@ -133,8 +134,10 @@ function prepareState(dir, extraNames = []) {
         generateServer(dir, work, names);
         writeAtomic(path.join(dir, 'server.json'), `${JSON.stringify({ names, caFingerprint }, null, 2)}\n`);
       }
-      const secretPath = path.join(dir, 'jwt-secret');
-      if (!fs.existsSync(secretPath)) writeAtomic(secretPath, `${crypto.randomBytes(32).toString('hex')}\n`, 0o600);
+      for (const name of ['jwt-secret', 'url-secret']) {
+        const secretPath = path.join(dir, name);
+        if (!fs.existsSync(secretPath)) writeAtomic(secretPath, `${crypto.randomBytes(32).toString('hex')}\n`, 0o600);
+      }
     } finally {
       fs.rmSync(work, { recursive: true, force: true });
     }

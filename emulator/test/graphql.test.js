@@ -4,6 +4,7 @@ const assert = require('node:assert/strict');
 const { describe, it, before, after } = require('node:test');
 const { startEmulator } = require('../harness');
 const { KNOWN_QUERIES: Q } = require('../lib/knownQueries');
+const { expectedBytes } = require('../lib/media');
 
 const GUID = /^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{12}$/;
 
@@ -32,8 +33,10 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     const root = ws.projects[0].rootAssetId;
     const video = data.videoAsset;
 
-    const me = (await ok(Q.CurrentUser)).me;
-    assert.deepEqual(me, { ...data.user, __typename: 'AuthenticatedUser', profileImageUrl: `https://media${suffix}/media/${data.user.id}/avatar.jpg` });
+    const signedLink = (path) => new RegExp(`^https://media${suffix.replace(/\./g, '\\.')}${path}\\?expires=\\d+&signature=[0-9a-f]{64}$`);
+    const { profileImageUrl, ...me } = (await ok(Q.CurrentUser)).me;
+    assert.deepEqual(me, { ...data.user, __typename: 'AuthenticatedUser' });
+    assert.match(profileImageUrl, signedLink(`/media/${data.user.id}/avatar.jpg`));
 
     const accounts = (await ok(Q.Accounts, { page: { first: 100 } })).me.accounts.nodes.map((n) => n.account);
     assert.deepEqual(accounts.map((a) => a.id), data.accountIds);
@@ -65,12 +68,16 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     const counts = await ok(Q.GetAssetCountsByFolderID, { page: { first: 0 }, queryFiles: filter('FILE'), queryFolders: filter('FOLDER') });
     assert.deepEqual(counts, { files: { totalCount: rootInfo.fileCount }, folders: { totalCount: rootInfo.folderCount } });
 
-    assert.equal((await ok(Q.GetDownloadURL, { assetID: video.id })).asset.media.original.downloadUrl, `https://media${suffix}/media/${video.id}/original.mp4`);
-    assert.equal((await ok(Q.ThumbnailImageUrl, { assetID: video.id })).asset.thumbnailImageUrl.url, `https://media${suffix}/media/${video.id}/thumbnail.jpg`);
+    const downloadUrl = (await ok(Q.GetDownloadURL, { assetID: video.id })).asset.media.original.downloadUrl;
+    assert.match(downloadUrl, signedLink(`/media/${video.id}/original.mp4`));
+    assert.match((await ok(Q.ThumbnailImageUrl, { assetID: video.id })).asset.thumbnailImageUrl.url, signedLink(`/media/${video.id}/thumbnail.jpg`));
+    const { pathname, search } = new URL(downloadUrl);
+    const media = await emu.request('media', 'GET', pathname + search, { headers: { range: 'bytes=5-9' } });
+    assert.deepEqual([media.status, media.body], [206, expectedBytes(5, video.seed, 5)]);
     // A folder id is a valid asset, just not a video: the fragment selects nothing.
     assert.deepEqual((await ok(Q.GetDownloadURL, { assetID: root })).asset, {});
 
-    const log = (await emu.requests()).map((e) => e.graphql.known);
+    const log = (await emu.requests()).filter((e) => e.path === '/graphql').map((e) => e.graphql.known);
     assert.deepEqual(log, ['CurrentUser', 'Accounts', 'WorkspacesByAccountID', 'WorkspacesByAccountID', 'WorkspaceCountByAccountID',
       'ProjectsByWorkspaceID', 'ProjectCountByWorkspaceID', 'GetFilesAndFolders', 'GetAssetCountsByFolderID', 'GetDownloadURL', 'ThumbnailImageUrl', 'GetDownloadURL']);
     assert.equal(Object.keys(Q).length, 10);
@@ -101,8 +108,9 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     await errorOf(Q.WorkspaceCountByAccountID, { accountID: data.accountIds[0], page: { first: '0' } });
     await errorOf(Q.GetAssetCountsByFolderID, { page: { first: 0 }, queryFiles: { assetType: 'FILES', folderId: data.rootFolderIds[0] }, queryFolders: { assetType: 'FOLDER', folderId: data.rootFolderIds[0] } });
     const pageOf = (first, after) => ({ accountID: data.accountIds[0], page: after === undefined ? { first } : { first, after } });
-    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(-1))).errors[0].message, /first/);
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1001))).errors[0].message, /first/);
     assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1, 'garbage!'))).errors[0].message, /invalid cursor/);
+    assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(0, 'garbage!'))).errors[0].message, /invalid cursor/);
     // A real cursor of another list is refused too.
     const other = (await ok(Q.WorkspacesByAccountID, { accountID: data.accountIds[1], page: { first: 1 } })).account.workspaces.pageInfo.endCursor;
     assert.match((await errorOf(Q.WorkspacesByAccountID, pageOf(1, other))).errors[0].message, /invalid cursor/);
@@ -111,12 +119,44 @@ describe('GraphQL API', { timeout: 60000 }, () => {
     assert.deepEqual(missing.data, { account: null });
     assert.match(missing.errors[0].message, /^not found/);
 
-    const raw = (body, type = 'application/json') => emu.request('api', 'POST', '/graphql', { headers: { 'content-type': type, authorization: `Bearer ${token}` }, body });
+    const raw = (body, type = 'application/json') => emu.request('api', 'POST', '/graphql', { headers: { ...(type === null ? {} : { 'content-type': type }), authorization: `Bearer ${token}` }, body });
     const notJson = await raw('{"query": ');
     assert.equal(notJson.status, 400);
     assert.ok(JSON.parse(notJson.body).errors[0].message);
-    assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser }), 'text/plain')).status, 415);
     assert.equal((await raw(JSON.stringify({ query: Q.CurrentUser, variables: [1] }))).status, 400);
+    // Valid JSON except for one Latin-1 byte in a string: a decoder that substitutes would accept it.
+    assert.equal((await raw(Buffer.concat([Buffer.from('{"query": "{ me { id } }", "x": "'), Buffer.from([0xe9]), Buffer.from('"}')]))).status, 400);
+    const unknownOperation = await raw(JSON.stringify({ query: Q.GetDownloadURL, variables: { assetID: data.videoAsset.id }, operationName: 'GetDownloadUrl' }));
+    assert.deepEqual([unknownOperation.status, JSON.parse(unknownOperation.body).data], [200, undefined]);
+    assert.match(JSON.parse(unknownOperation.body).errors[0].message, /GetDownloadUrl/);
+  });
+
+  it('takes only a JSON content type', async () => {
+    const body = JSON.stringify({ query: Q.CurrentUser });
+    for (const [type, status] of [
+      ['application/json', 200], ['application/json; charset=utf-8', 200], ['Application/JSON;Charset="UTF-8"', 200], ['application/json ; v=1', 200],
+      ['application/jsonx', 415], ['application/json-patch+json', 415], ['text/json', 415], ['application/x-www-form-urlencoded', 415],
+      ['text/plain', 415], ['application/json; charset=iso-8859-1', 415], ['application/json;', 415], ['application/json, text/plain', 415], [null, 415],
+    ]) {
+      const res = await emu.request('api', 'POST', '/graphql', { headers: { ...(type === null ? {} : { 'content-type': type }), authorization: `Bearer ${token}` }, body });
+      assert.equal(res.status, status, String(type));
+      assert.ok(JSON.parse(res.body)[status === 200 ? 'data' : 'errors'], String(type));
+    }
+  });
+
+  it('answers a non-positive page size with an empty page and the full count', async () => {
+    const account = data.accounts[0];
+    const text = 'query($a: ID!, $p: PageInput!) { account(accountId: $a) { workspaces(page: $p) { nodes { id } pageInfo { endCursor hasNextPage } totalCount } } }';
+    const cursorAt = async (n) => (await ok(text, { a: account.id, p: { first: n } })).account.workspaces.pageInfo.endCursor;
+    const afterFirst = await cursorAt(1);
+    const afterLast = await cursorAt(account.workspaces.length);
+    for (const [first, after, hasNextPage] of [[0, undefined, true], [-3, undefined, true], [0, afterFirst, true], [-1, afterLast, false]]) {
+      const page = (await ok(text, { a: account.id, p: after === undefined ? { first } : { first, after } })).account.workspaces;
+      assert.deepEqual(page, { nodes: [], pageInfo: { endCursor: null, hasNextPage }, totalCount: account.workspaces.length }, `${first} ${after}`);
+    }
+    const empty = data.folders.find((f) => f.fileCount === 0);
+    const files = await ok(Q.GetFilesAndFolders, { pageFiles: { first: 0 }, pageFolders: { first: 0 }, queryFiles: { assetType: 'FILE', folderId: empty.id }, queryFolders: { assetType: 'FOLDER', folderId: empty.id } });
+    assert.deepEqual(files.files, { nodes: [], pageInfo: { endCursor: null, hasNextPage: false } });
   });
 
   it('shows a user only the accounts they belong to', async () => {

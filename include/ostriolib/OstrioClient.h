@@ -23,19 +23,21 @@
 #include "kelcore/Strings.h"
 #include "ostriolib/IOstrioAuthManager.h"
 #include "ostriolib/IOstrioService.h"
+#include "ostriolib/OstrioAccountList.h"
 #include "ostriolib/OstrioAssets.h"
 #include "ostriolib/OstrioDictionaryResource.h"
 #include "ostriolib/OstrioExport.h"
+#include "ostriolib/OstrioProjectList.h"
+#include "ostriolib/OstrioRecords.h"
 #include "ostriolib/OstrioUser.h"
 #include "ostriolib/OstrioWorkspaceList.h"
-#include "ostriolib/OstrioProjectList.h"
-#include "ostriolib/OstrioAccountList.h"
 
 OSTRIOLIB_HEADER_OF_LAYER(OSTRIOLIB_LAYER_CLIENT);
 
 namespace ostriolib {
 
 class OstrioClient;
+class IOstrioServiceProvider;
 struct OstrioClientTestAccess;
 
 // The messages of the client's station; each carries the client, weakly.
@@ -121,6 +123,8 @@ class OSTRIOLIB_EXPORT OstrioClient : public virtual kelcore::classref::SharedAs
   OstrioClient(kelcore::classref::InterfaceRef<IOstrioAuthManager> authManager,
                kelcore::classref::InterfaceRef<IOstrioServiceProvider> serviceProvider);
 
+  // PrepareQuery; with failWithoutToken, a failed token request fails the preparation too.
+  kelcore::async::Future<void> Prepare(bool failWithoutToken);
   int InitializeOstrioService(const kelcore::ImmutableString& accessToken);
   void TerminateOstrioService();
   void OnAccessTokenExpired();

@@ -1,6 +1,6 @@
 #pragma once
-// Shared pieces of the auth tests: a scripted transport, token makers, a log capture, temporary
-// folders and a way to re-run this test binary as a fresh process.
+// Shared pieces of the auth tests: token makers, a sign-in callback probe and a way to re-run
+// this test binary as a fresh process. The doubles of other kinds live in tests/support.
 
 #include <gtest/gtest.h>
 #include <spawn.h>
@@ -21,57 +21,14 @@
 #include "kelcore/Executor.h"
 #include "kelcore/Logging.h"
 #include "kelcore/Strings.h"
+#include "LogCapture.h"
+#include "ScriptedPost.h"
+#include "RecordingOSUtilsWrapper.h"
+#include "ScratchFolders.h"
 
 namespace ostriolib::testing {
 
 inline constexpr auto kHangGuard = std::chrono::seconds(60);  // only stops a broken test from hanging
-
-// Records each POST and holds its completion until the test answers it, on the default executor
-// (never on the caller's stack, as the real transport does).
-class ScriptedTransport {
- public:
-  struct Request {
-    kelcore::ImmutableString url;
-    kelnet::HeaderMap headers;
-    bool hasBody = false;
-    kelnet::Completion completion;
-  };
-
-  OstrioAuthManager::PostFunction Function() {
-    return [this](const kelcore::utility::Guid&, kelnet::Completion completion, const kelcore::ImmutableString& url,
-                  std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,
-                  const kelnet::Configuration&) {
-      std::function<std::shared_ptr<kelnet::Response>()> answer;
-      {
-        std::lock_guard lock(mutex_);
-        if (!startResult) return false;
-        requests_.push_back({url, headers, body != nullptr, completion});
-        answer = autoAnswer;
-      }
-      if (answer) Complete(completion, answer());
-      return true;
-    };
-  }
-
-  static void Complete(kelnet::Completion completion, std::shared_ptr<kelnet::Response> response) {
-    kelcore::async::GetDefaultExecutor()->Post(
-        [completion = std::move(completion), response] { completion(kelcore::utility::Guid(), response); });
-  }
-
-  void AnswerFirst(std::shared_ptr<kelnet::Response> response) { Complete(Requests().at(0).completion, response); }
-
-  std::vector<Request> Requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-  }
-
-  bool startResult = true;
-  std::function<std::shared_ptr<kelnet::Response>()> autoAnswer;  // set before use
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Request> requests_;
-};
 
 inline std::string Base64NoPadding(std::string_view bytes) {
   std::string text = kelcore::EncodeBinaryDataToBase64(bytes);
@@ -99,50 +56,8 @@ inline std::shared_ptr<kelnet::Response> RefreshAnswer(int status, std::optional
   return std::make_shared<kelnet::Response>(status, std::move(headers), "");
 }
 
-// Captures every log and trace record while alive.
-class LogCapture {
- public:
-  LogCapture() {
-    kelcore::logging::SetSink([this](const kelcore::logging::Record& record) {
-      std::lock_guard lock(mutex_);
-      records_.push_back(record);
-    });
-  }
-  ~LogCapture() { kelcore::logging::SetSink(nullptr); }
-  std::vector<kelcore::logging::Record> Records() const {
-    std::lock_guard lock(mutex_);
-    return records_;
-  }
-  // Every message and field value, for "this text never appears" checks.
-  std::string AllText() const {
-    std::string text;
-    for (const auto& record : Records()) {
-      text += record.message + "\n";
-      for (const auto& [key, value] : record.fields) text += key + "=" + value + "\n";
-    }
-    return text;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<kelcore::logging::Record> records_;
-};
-
-class TemporaryDirectory {
- public:
-  TemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "ostrio-auth-XXXXXX").string();
-    path_ = ::mkdtemp(pattern.data());
-  }
-  ~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  const std::filesystem::path& Path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-};
+using ::LogCapture;
+using ::TemporaryDirectory;
 
 // Runs the test `filter` of this binary in a new process with extra environment entries; its exit
 // status (0 when its tests passed).

@@ -18,11 +18,16 @@ class KelnetTransport final : public ITransport {
     return kelnet::StreamingGET(requestId, std::move(onData), std::move(completion), url, headers, configuration);
   }
   void Cancel(const kelcore::utility::Guid& requestId) override { kelnet::Cancel(requestId); }
+  void RunWithStreamingCallbacks(std::function<void()> task) override {
+    // Once the delivery thread has ended (process exit), the caller's thread is all there is.
+    if (kelnet::IsDeliveryThread() || !kelnet::RunOnDeliveryThread(task)) task();
+  }
 };
 
 class KelnetRetryScheduler final : public IRetryScheduler {
  public:
   std::chrono::steady_clock::time_point Now() override { return std::chrono::steady_clock::now(); }
+  std::chrono::system_clock::time_point WallNow() override { return std::chrono::system_clock::now(); }
   bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) override {
     return kelnet::ScheduleAfter(delay, std::move(task));
   }

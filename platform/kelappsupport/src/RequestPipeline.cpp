@@ -1,8 +1,13 @@
 #include "RequestPipeline.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 #include <cstdio>
 
+#include "RetryVerdict.h"
+#include "kelappsupport/ServiceBase.h"
 #include "kelcore/Executor.h"
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
@@ -21,8 +26,13 @@ void ClassifyDestination(const kelcore::ImmutableString& url, Exchange& exchange
   exchange.host = std::move(parts->host);
 }
 
-bool IsLoopbackHost(std::string_view host) {
-  return host == "localhost" || host.ends_with(".localhost") || host.starts_with("127.") || host == "::1";
+// This machine by name or by number: a name like "127.attacker.example" is anyone's.
+bool IsLoopbackHost(const std::string& host) {
+  if (host == "localhost" || host.ends_with(".localhost")) return true;
+  in_addr v4{};
+  if (::inet_pton(AF_INET, host.c_str(), &v4) == 1) return (ntohl(v4.s_addr) >> 24) == 127;
+  in6_addr v6{};
+  return ::inet_pton(AF_INET6, host.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
 }
 
 // Whether our token may go to this host: never in clear text, except to this machine (the
@@ -126,6 +136,11 @@ void RequestPipeline::SetAuthorizedHosts(std::vector<std::string> hostSuffixes) 
   authorizedHosts_ = std::move(hostSuffixes);
 }
 
+void RequestPipeline::SetCABundle(std::string path) {
+  std::lock_guard lock(mutex_);
+  caBundlePath_ = std::move(path);
+}
+
 void RequestPipeline::SetTransport(std::shared_ptr<ITransport> transport) {
   std::lock_guard lock(mutex_);
   transport_ = transport ? std::move(transport) : GetDefaultTransport();
@@ -179,6 +194,7 @@ std::shared_ptr<Exchange> RequestPipeline::Start(ExchangePlan plan, ExchangeDone
   {
     std::lock_guard lock(mutex_);
     exchange->firstStart = scheduler_->Now();
+    if (exchange->plan.configuration.caBundlePath.empty()) exchange->plan.configuration.caBundlePath = caBundlePath_;
     // Requests already waiting for this host go first; waiting requests for other hosts are
     // held by their own host's limit, not by this one's.
     const bool hostWaiting = std::any_of(queue_.begin(), queue_.end(),
@@ -243,49 +259,41 @@ bool RequestPipeline::Launch(const std::shared_ptr<Exchange>& exchange) {
 
 void RequestPipeline::OnAttemptDone(const std::shared_ptr<Exchange>& exchange,
                                     const std::shared_ptr<kelnet::Response>& response) {
-  bool cancelled = false;
-  bool recoverable = false;
-  int attempts = 0;
+  FailedAttempt attempt;
+  attempt.response = response;
   RetryPolicy policy;
   std::shared_ptr<IRetryScheduler> scheduler;
   bool unauthorized = false;
   {
     std::lock_guard lock(mutex_);
     ReleaseLocked(exchange->hostKey);
-    cancelled = exchange->cancelled;
-    attempts = exchange->attempts;
+    attempt.failures = exchange->attempts;
+    attempt.firstStart = exchange->firstStart;
     policy = retryPolicy_;
     scheduler = scheduler_;
-    if (response) {
+    if (exchange->cancelled) {
+      attempt.retryable = false;
+    } else if (response) {
       const int status = response->StatusCode();
-      recoverable = std::find(recoverableStatuses_.begin(), recoverableStatuses_.end(), status) !=
-                    recoverableStatuses_.end();
+      attempt.retryable = std::find(recoverableStatuses_.begin(), recoverableStatuses_.end(), status) !=
+                          recoverableStatuses_.end();
       unauthorized = status == kelnet::kStatusUnauthorized;
     } else {
       // A streaming attempt that already delivered bytes is the download's to resume.
-      recoverable = onConnectivityError_ == 1 && !exchange->delivered;
+      attempt.retryable = onConnectivityError_ == kConnectivityErrorRetry && !exchange->delivered;
     }
   }
   Pump();
   if (unauthorized) NotifyUnauthenticated();
 
-  if (!cancelled && recoverable && attempts < policy.maxAttempts) {
-    std::optional<std::chrono::milliseconds> retryAfter;
-    if (response) {
-      retryAfter = ParseRetryAfter(response->LastHeader(kelnet::kHEADER_RETRY_AFTER.View()).View(),
-                                   std::chrono::system_clock::now());
+  const RetryVerdict verdict = JudgeAttempt(policy, attempt, *scheduler);
+  if (verdict.retry) {
+    {
+      std::lock_guard lock(mutex_);
+      exchange->state = Exchange::State::Waiting;
     }
-    if (!retryAfter || *retryAfter <= policy.maxRetryAfter) {
-      const auto delay = BackoffDelay(policy, attempts, scheduler->Jitter(), retryAfter);
-      if (scheduler->Now() + delay - exchange->firstStart <= policy.maxTotal) {
-        {
-          std::lock_guard lock(mutex_);
-          exchange->state = Exchange::State::Waiting;
-        }
-        auto self = shared_from_this();
-        if (scheduler->ScheduleAfter(delay, [self, exchange] { self->Requeue(exchange); })) return;
-      }
-    }
+    auto self = shared_from_this();
+    if (scheduler->ScheduleAfter(verdict.delay, [self, exchange] { self->Requeue(exchange); })) return;
   }
   Finish(exchange, response);
 }
@@ -385,18 +393,28 @@ void RequestPipeline::Cancel(const std::shared_ptr<Exchange>& exchange) {
 void RequestPipeline::Finish(const std::shared_ptr<Exchange>& exchange,
                              const std::shared_ptr<kelnet::Response>& response) {
   ExchangeDone done;
+  std::shared_ptr<ITransport> transport;
   {
     std::lock_guard lock(mutex_);
     exchange->state = Exchange::State::Done;
     done = std::move(exchange->done);
+    transport = transport_;
   }
   if (!done) return;
-  try {
-    done(response, exchange->delivered);
-  } catch (const std::exception& error) {
-    LogWarning("request completion threw", {{"what", error.what()}});
-  } catch (...) {
-    LogWarning("request completion threw", {});
+  auto run = [exchange, response, done = std::move(done)] {
+    try {
+      done(response, exchange->delivered);
+    } catch (const std::exception& error) {
+      LogWarning("request completion threw", {{"what", error.what()}});
+    } catch (...) {
+      LogWarning("request completion threw", {});
+    }
+  };
+  // A streaming request ends where its data went, whichever way it ends (a timer, a refusal).
+  if (exchange->plan.streaming) {
+    transport->RunWithStreamingCallbacks(std::move(run));
+  } else {
+    run();
   }
 }
 

@@ -73,6 +73,7 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
                         int onConnectivityError);
   void SetAuthToken(const kelcore::ImmutableString& value, const kelcore::ImmutableString& headerName);
   void SetAuthorizedHosts(std::vector<std::string> hostSuffixes);
+  void SetCABundle(std::string path);
   void SetTransport(std::shared_ptr<ITransport> transport);
   void SetScheduler(std::shared_ptr<IRetryScheduler> scheduler);
   std::shared_ptr<ITransport> GetTransport();
@@ -111,6 +112,7 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
   kelcore::ImmutableString tokenValue_;
   kelcore::ImmutableString tokenHeader_;
   std::vector<std::string> authorizedHosts_;  // bare domains, lower-case; empty: every host
+  std::string caBundlePath_;  // for requests whose configuration names no bundle
 
   std::shared_ptr<ITransport> transport_;
   std::shared_ptr<IRetryScheduler> scheduler_;

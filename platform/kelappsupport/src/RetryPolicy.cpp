@@ -7,6 +7,12 @@
 #include <string>
 
 namespace kelappsupport::cloudservice {
+namespace {
+
+// About three years: past any wait a policy accepts, far from any overflow.
+constexpr std::int64_t kSaturatedMs = 100000000000LL;
+
+}  // namespace
 
 std::chrono::milliseconds BackoffDelay(const RetryPolicy& policy, int retry, double jitter01,
                                        std::optional<std::chrono::milliseconds> retryAfter) {
@@ -29,7 +35,7 @@ std::optional<std::chrono::milliseconds> ParseRetryAfter(std::string_view value,
     std::uint64_t seconds = 0;
     auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), seconds);
     // Absurdly large values saturate; the policy's maxRetryAfter then ends the retries.
-    if (ec == std::errc::result_out_of_range || seconds > 100000000) return std::chrono::milliseconds(100000000000LL);
+    if (ec == std::errc::result_out_of_range || seconds > 100000000) return std::chrono::milliseconds(kSaturatedMs);
     if (ec != std::errc() || end != value.data() + value.size()) return std::nullopt;
     return std::chrono::milliseconds(static_cast<std::int64_t>(seconds) * 1000);
   }
@@ -62,9 +68,12 @@ std::optional<std::chrono::milliseconds> ParseRetryAfter(std::string_view value,
   parts.tm_mon = static_cast<int>(month / 3);
   const std::time_t when = ::timegm(&parts);
   if (when == static_cast<std::time_t>(-1)) return std::nullopt;
-  const auto target = std::chrono::system_clock::from_time_t(when);
-  if (target <= now) return std::chrono::milliseconds(0);
-  return std::chrono::duration_cast<std::chrono::milliseconds>(target - now);
+  // In milliseconds, never as a system_clock time: its nanoseconds end in 2262, and a date in
+  // year 9999 must still mean "far too long", not overflow.
+  const std::int64_t targetMs = static_cast<std::int64_t>(when) * 1000;
+  const std::int64_t nowMs = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
+  if (targetMs <= nowMs) return std::chrono::milliseconds(0);
+  return std::chrono::milliseconds(std::min(targetMs - nowMs, kSaturatedMs));
 }
 
 }  // namespace kelappsupport::cloudservice

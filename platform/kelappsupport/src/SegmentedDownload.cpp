@@ -1,32 +1,22 @@
 #include "SegmentedDownload.h"
 
 #include <algorithm>
-#include <charconv>
 #include <optional>
 
+#include "RetryVerdict.h"
 #include "kelcore/Logging.h"
 #include "kelnet/Constants.h"
+#include "kelnet/internal/HeaderParsing.h"
 
 namespace kelappsupport::cloudservice::detail {
 namespace {
 
 constexpr std::uint64_t kMinPieceBytes = 1ull << 20;
 
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
-
-// "bytes a-b/total": the total, or nullopt when it is "*" or unreadable.
+// "bytes a-b/total": the total, or nullopt when it is "*" or the range is unreadable.
 std::optional<std::uint64_t> ContentRangeTotal(std::string_view value) {
-  const auto slash = value.rfind('/');
-  if (slash == std::string_view::npos) return std::nullopt;
-  const auto text = Trim(value.substr(slash + 1));
-  std::uint64_t total = 0;
-  auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), total);
-  if (ec != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return total;
+  const auto range = kelnet::internal::ParseContentRange(value);
+  return range ? range->total : std::nullopt;
 }
 
 kelnet::HeaderMap::const_iterator FindHeader(const kelnet::HeaderMap& headers,
@@ -36,6 +26,12 @@ kelnet::HeaderMap::const_iterator FindHeader(const kelnet::HeaderMap& headers,
 
 std::shared_ptr<kelnet::Response> Failure(int status, std::string_view reason) {
   return std::make_shared<kelnet::Response>(status, kelnet::HeaderMap{}, std::string(reason));
+}
+
+RetryPolicy ResumePolicy(RetryPolicy policy, const DownloadPolicy& download) {
+  policy.maxAttempts = download.maxResumes + 1;
+  policy.maxTotal = std::chrono::milliseconds::max();
+  return policy;
 }
 
 void LogWarning(std::string message, std::vector<std::pair<std::string, std::string>> fields) {
@@ -48,7 +44,7 @@ SegmentedDownload::SegmentedDownload(std::shared_ptr<RequestPipeline> pipeline, 
     : pipeline_(std::move(pipeline)),
       request_(std::move(request)),
       policy_(pipeline_->GetDownloadPolicy()),
-      retryPolicy_(pipeline_->GetRetryPolicy()) {}
+      resumePolicy_(ResumePolicy(pipeline_->GetRetryPolicy(), policy_)) {}
 
 bool SegmentedDownload::Start() {
   auto probe = std::make_shared<Piece>();
@@ -83,7 +79,7 @@ bool SegmentedDownload::Launch(const PiecePtr& piece) {
       plan.headers.emplace(kelnet::kHEADER_RANGE, kelcore::ImmutableString(range));
       if (!validator_.empty()) plan.headers.emplace(kelnet::kHEADER_IF_RANGE, validator_);
     }
-    if (mode_ == Mode::Segmented && policy_.separateConnections) plan.configuration.allowHttp2 = false;
+    if (policy_.separateConnections) plan.configuration.allowHttp2 = false;
   }
   auto self = shared_from_this();
   plan.onData = [self, piece](const kelcore::utility::Guid& attemptId, const void* data, std::size_t offset,
@@ -184,6 +180,8 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
   bool resume = false;
   bool fill = false;
   PiecePtr next;
+  RetryVerdict verdict;
+  const auto scheduler = pipeline_->GetScheduler();
   {
     std::lock_guard lock(mutex_);
     piece->exchange.reset();
@@ -236,7 +234,14 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
     }
     if (resume) {
       if (piece->next > piece->nextAtAttemptStart) piece->failures = 0;
-      if (++piece->failures > policy_.maxResumes) {
+      // A piece that made progress comes back at once; one that keeps failing backs off.
+      FailedAttempt attempt;
+      attempt.retryable = true;
+      attempt.failures = ++piece->failures;
+      attempt.firstStart = scheduler->Now();
+      attempt.firstRetryAtOnce = true;
+      verdict = JudgeAttempt(resumePolicy_, attempt, *scheduler);
+      if (!verdict.retry) {
         LogWarning("download gave up after repeated break-offs", {});
         cancel = FailLocked(nullptr);
         running_.erase(piece);
@@ -246,13 +251,8 @@ void SegmentedDownload::OnDone(const PiecePtr& piece, const std::shared_ptr<keln
   }
   CancelAll(cancel);
   if (resume) {
-    // A piece that made progress comes back at once; one that keeps failing backs off.
-    auto scheduler = pipeline_->GetScheduler();
-    const int failures = piece->failures;
-    const auto delay =
-        failures <= 1 ? std::chrono::milliseconds(0) : BackoffDelay(retryPolicy_, failures - 1, scheduler->Jitter());
     auto self = shared_from_this();
-    if (!scheduler->ScheduleAfter(delay, [self, piece] { self->Resume(piece); })) {
+    if (!scheduler->ScheduleAfter(verdict.delay, [self, piece] { self->Resume(piece); })) {
       std::unique_lock lock(mutex_);
       auto more = FailLocked(nullptr);
       running_.erase(piece);
@@ -349,11 +349,16 @@ void SegmentedDownload::FinishIfSettled() {
     finished_ = true;
     response = failed_ ? failure_ : SuccessResponseLocked();
   }
-  try {
-    request_.completion(request_.requestId, response);
-  } catch (...) {
-    LogWarning("download completion threw", {});
-  }
+  // Reached from a resume timer as well as from a range's completion: either way the caller's
+  // completion runs where its data went.
+  auto self = shared_from_this();
+  pipeline_->GetTransport()->RunWithStreamingCallbacks([self, response] {
+    try {
+      self->request_.completion(self->request_.requestId, response);
+    } catch (...) {
+      LogWarning("download completion threw", {});
+    }
+  });
 }
 
 }  // namespace kelappsupport::cloudservice::detail

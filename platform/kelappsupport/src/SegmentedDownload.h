@@ -61,7 +61,9 @@ class SegmentedDownload : public std::enable_shared_from_this<SegmentedDownload>
   const std::shared_ptr<RequestPipeline> pipeline_;
   const Request request_;
   const DownloadPolicy policy_;
-  const RetryPolicy retryPolicy_;
+  // The retry policy, with the download's own limit on resumes in a row and no overall budget:
+  // a long download that keeps making progress is never cut short.
+  const RetryPolicy resumePolicy_;
 
   std::mutex mutex_;
   Mode mode_ = Mode::Probing;

@@ -8,17 +8,10 @@
 #include "kelcore/ResultCodes.h"
 #include "kelnet/Constants.h"
 #include "kelnet/URL.h"
+#include "kelnet/internal/HeaderParsing.h"
 
 namespace kelappsupport::cloudservice {
 namespace {
-
-bool IsHeaderNameToken(std::string_view name) {
-  if (name.empty()) return false;
-  return std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           (c != '\0' && std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos);
-  });
-}
 
 bool HasHeader(const kelnet::HeaderMap& headers, std::string_view name) {
   return std::any_of(headers.begin(), headers.end(),
@@ -86,6 +79,12 @@ int ServiceBase::ConfigureAuthorizedHosts(const std::vector<std::string>& domain
   return kelcore::kResultOK;
 }
 
+int ServiceBase::ConfigureCABundle(const std::string& path) {
+  if (path.find('\0') != std::string::npos) return kelcore::kErrorInvalidArgument;
+  pipeline_->SetCABundle(path);
+  return kelcore::kResultOK;
+}
+
 void ServiceBase::SetTransport(std::shared_ptr<ITransport> transport) { pipeline_->SetTransport(std::move(transport)); }
 
 void ServiceBase::SetRetryScheduler(std::shared_ptr<IRetryScheduler> scheduler) {
@@ -93,11 +92,8 @@ void ServiceBase::SetRetryScheduler(std::shared_ptr<IRetryScheduler> scheduler) 
 }
 
 int ServiceBase::SetAuthToken(const kelcore::ImmutableString& value, const kelcore::ImmutableString& headerName) {
-  if (!IsHeaderNameToken(headerName.View())) return kelcore::kErrorInvalidArgument;
-  const auto text = value.View();
-  if (std::any_of(text.begin(), text.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; })) {
-    return kelcore::kErrorInvalidArgument;
-  }
+  if (!kelnet::internal::IsHeaderNameToken(headerName.View())) return kelcore::kErrorInvalidArgument;
+  if (!kelnet::internal::IsSafeHeaderValue(value.View())) return kelcore::kErrorInvalidArgument;
   pipeline_->SetAuthToken(value, headerName);
   return kelcore::kResultOK;
 }

@@ -5,7 +5,6 @@
 #include <tuple>
 
 #include "KeychainBackend.h"
-#include "kelcore/Logging.h"
 
 namespace kelcore {
 namespace {
@@ -40,10 +39,6 @@ class MemoryKeychain final : public keychain_detail::KeychainBackend<MemoryKeych
 
 classref::InterfaceRef<IKeychainUtils> KeychainUtils::CreateMemoryKeychain() {
   return classref::InterfaceRef<IKeychainUtils>(classref::AllocateClassInstance<MemoryKeychain>());
-}
-
-void keychain_detail::Warn(std::string_view text) {
-  if (logging::IsTraceEnabled("kelcore", 2)) logging::Trace("kelcore", 2, text);
 }
 
 }  // namespace kelcore

@@ -1,5 +1,6 @@
 #include "kelcore/Messaging.h"
 
+#include <atomic>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -161,7 +162,14 @@ void PostDelivery(const ImmutableString& station, std::type_index type, std::sha
   if (!dispatcher) {
     // Listeners are promised the main thread; without a dispatcher there is no main thread to
     // deliver on, and delivering anywhere else would break every listener that touches UI state.
-    LogWarning("No main-thread dispatcher installed; message dropped", station);
+    // Said once per process: every later message would repeat it. It names the one call the host
+    // is missing, since that is the only fix.
+    static std::atomic<bool> warned{false};
+    if (!warned.exchange(true)) {
+      LogWarning("No main-thread dispatcher installed, so messages are dropped: install one with "
+                 "kelcore::async::InstallMainThreadDispatcher on the host's main thread",
+                 station);
+    }
     return;
   }
   dispatcher->Post([station, type, message = std::move(message)] { Deliver(station, type, message.get()); });

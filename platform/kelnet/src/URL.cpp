@@ -1,5 +1,7 @@
 #include "kelnet/URL.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <charconv>
 #include <vector>
@@ -33,6 +35,21 @@ bool IsValidDnsName(std::string_view host) {
     if (++labelLength > 63) return false;
   }
   return true;  // a trailing dot (fully qualified form) is fine
+}
+
+// A host whose last label is a number ("8080", "127.1", "0x7f.1") is an IPv4 address to curl and
+// to resolvers, which expand the short and octal or hex forms (127.1 is 127.0.0.1, 8080 is
+// 0.0.31.144). Only the canonical dotted quad is taken, so the host we judge (throttling, where
+// the token may go) is the host curl connects to.
+bool IsNumericHostAmbiguous(std::string_view host) {
+  if (!host.empty() && host.back() == '.') host.remove_suffix(1);
+  const auto dot = host.rfind('.');
+  const std::string_view last = dot == std::string_view::npos ? host : host.substr(dot + 1);
+  const bool numeric = !last.empty() && std::all_of(last.begin(), last.end(), IsDigit);
+  const bool hex = last.size() >= 2 && last[0] == '0' && (last[1] == 'x' || last[1] == 'X');
+  if (!numeric && !hex) return false;
+  in_addr address{};
+  return ::inet_pton(AF_INET, std::string(host).c_str(), &address) != 1;
 }
 
 bool IsValidIPv6Literal(std::string_view text) {
@@ -94,7 +111,7 @@ std::optional<URLParts> ParseURL(std::string_view url) {
       portText = authority.substr(colon + 1);
     }
     // IPv4 literals are DNS-name shaped, so one check covers both.
-    if (!IsValidDnsName(host)) return std::nullopt;
+    if (!IsValidDnsName(host) || IsNumericHostAmbiguous(host)) return std::nullopt;
   }
   if (hasPort) {
     if (portText.empty() || portText.size() > 5) return std::nullopt;

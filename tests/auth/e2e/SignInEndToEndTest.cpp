@@ -15,6 +15,7 @@
 #include "kelcore/Dictionary.h"
 #include "kelcore/KeychainUtils.h"
 #include "kelcore/OSUtilsWrapper.h"
+#include "PlatformSettings.h"
 
 namespace ostriolib {
 namespace {
@@ -83,7 +84,7 @@ class SignInEndToEndTest : public ::testing::Test {
   }
 
   std::shared_ptr<OstrioAuthManager> NewManager() {
-    auto fresh = AllocateClassInstance<OstrioAuthManager>(kelcore::KeychainUtils::GetKeychainUtils(),
+    auto fresh = AllocateClassInstance<OstrioAuthManager>(PlatformSettings::CreateKeychain(),
                                                           InterfaceRef<kelcore::IOSUtilsWrapper>(opener))
                      .Shared();
     fresh->Configure(kClientId, "ostrio-e2e", kEnvironmentDevelopment, "");
@@ -121,7 +122,7 @@ class SignInEndToEndTest : public ::testing::Test {
   testing::TemporaryDirectory scratch;
   testing::LogCapture log;  // before anything that could log
   std::unique_ptr<EmulatorProcess> emulator;
-  std::shared_ptr<kelcore::RecordingOSUtilsWrapper> opener = std::make_shared<kelcore::RecordingOSUtilsWrapper>();
+  std::shared_ptr<RecordingOSUtilsWrapper> opener = std::make_shared<RecordingOSUtilsWrapper>();
   std::shared_ptr<OstrioAuthManager> manager;
   std::vector<std::string> secrets;  // every token seen: none may reach the log
 };
@@ -209,8 +210,8 @@ TEST_F(SignInEndToEndTest, SignInPersistsRefreshesAndSignsOutOnRejection) {
 // kept out of test discovery).
 TEST(AuthEndToEndChild, DISABLED_FindsTheStoredSignIn) {
   auto manager = AllocateClassInstance<OstrioAuthManager>(
-      kelcore::KeychainUtils::GetKeychainUtils(),
-      InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<kelcore::RecordingOSUtilsWrapper>(false)));
+      PlatformSettings::CreateKeychain(),
+      InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<RecordingOSUtilsWrapper>(false)));
   EXPECT_TRUE(manager->IsUserSignedIn());
   EXPECT_TRUE(manager->IsAccessTokenValid());
   EXPECT_EQ(manager->Login({}), kelcore::kResultAlreadySignedIn);

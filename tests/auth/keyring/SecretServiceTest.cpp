@@ -6,6 +6,7 @@
 #include "AuthTestSupport.h"
 #include "kelcore/KeychainUtils.h"
 #include "kelcore/OSUtilsWrapper.h"
+#include "PlatformSettings.h"
 
 namespace ostriolib {
 namespace {
@@ -41,8 +42,8 @@ TEST(SecretService, TheAuthManagerKeepsItsRecordThereAndNotInFiles) {
   ::setenv("OSTRIOLIB_KEYCHAIN", "auto", 1);
   ::setenv("OSTRIOLIB_STATEDIR", state.Path().c_str(), 1);
   auto manager = kelcore::classref::AllocateClassInstance<OstrioAuthManager>(
-      KeychainUtils::GetKeychainUtils(), kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper>(
-                                             std::make_shared<kelcore::RecordingOSUtilsWrapper>()));
+      ostriolib::PlatformSettings::CreateKeychain(), kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper>(
+                                             std::make_shared<RecordingOSUtilsWrapper>()));
   manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
   ASSERT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str("ostrio-test://ostrio#" + kRecord)), 0);
 

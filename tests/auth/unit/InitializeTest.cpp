@@ -19,7 +19,7 @@ std::filesystem::path DesktopEntry(const std::string& scheme) {
 }
 
 TEST(Initialize, RunsOncePerProcessButAlwaysChecksItsArguments) {
-  auto opener = std::make_shared<kelcore::RecordingOSUtilsWrapper>();
+  auto opener = std::make_shared<RecordingOSUtilsWrapper>();
   auto first = AllocateClassInstance<OstrioAuthManager>(kelcore::KeychainUtils::CreateMemoryKeychain(),
                                                         InterfaceRef<kelcore::IOSUtilsWrapper>(opener));
   EXPECT_EQ(first->Initialize("", "ostrio-once", kEnvironmentDevelopment, ""), kelcore::kErrorInvalidArgument);

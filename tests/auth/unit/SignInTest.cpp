@@ -32,7 +32,7 @@ class SignInTest : public ::testing::Test {
 
   void Reset(InterfaceRef<kelcore::IKeychainUtils> store = kelcore::KeychainUtils::CreateMemoryKeychain()) {
     keychain = store;
-    opener = std::make_shared<kelcore::RecordingOSUtilsWrapper>();
+    opener = std::make_shared<RecordingOSUtilsWrapper>();
     manager = AllocateClassInstance<OstrioAuthManager>(keychain, InterfaceRef<kelcore::IOSUtilsWrapper>(opener)).Shared();
     manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
     manager->SetClock([] { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); });
@@ -49,44 +49,38 @@ class SignInTest : public ::testing::Test {
   }
 
   InterfaceRef<kelcore::IKeychainUtils> keychain;
-  std::shared_ptr<kelcore::RecordingOSUtilsWrapper> opener;
+  std::shared_ptr<RecordingOSUtilsWrapper> opener;
   std::shared_ptr<OstrioAuthManager> manager;
 };
 
-TEST_F(SignInTest, TokenIsValidOnlyWithMoreThanAnHourLeft) {
-  const std::pair<std::string, bool> cases[] = {
-      {std::to_string(kNow + 3601), true},
-      {std::to_string(kNow + 3600), false},
-      {std::to_string(kNow + 3601) + "junk", true},  // digits up to the first non-digit
-      {"soon", false},
-      {"+" + std::to_string(kNow + 7200), false},
-      {"99999999999999999999", false},   // overflow reads as 0
-      {"-9223372036854775808", false},  // far past: must not wrap round to "valid"
-  };
-  for (const auto& [expires, valid] : cases) {
-    Reset();
-    Store(Record(expires));
-    ASSERT_EQ(manager->LoadCredentials(), 0);
-    EXPECT_EQ(manager->IsAccessTokenValid(), valid) << expires;
-  }
-}
-
+// Signed in means a token with more than an hour left, or a refresh token to get one with.
 TEST_F(SignInTest, SignedInMeansAValidTokenOrARefreshToken) {
-  EXPECT_EQ(manager->LoadCredentials(), kelcore::kErrorNotSignedIn);
-  EXPECT_FALSE(manager->IsUserSignedIn());
-
-  Store("not a record");
-  EXPECT_EQ(manager->LoadCredentials(), kelcore::kErrorBadCredentials);
-  EXPECT_FALSE(manager->IsUserSignedIn());
-
-  Reset();
-  Store(Record(std::to_string(kNow)));  // expired, but refreshable
-  EXPECT_TRUE(manager->IsUserSignedIn());
-  EXPECT_EQ(manager->GetAccessToken().View(), "tok");
-
-  Reset();
-  Store(Record(std::to_string(kNow), ""));
-  EXPECT_FALSE(manager->IsUserSignedIn());
+  struct Case {
+    std::optional<std::string> stored;
+    int loaded;
+    bool valid, signedIn;
+  };
+  const Case cases[] = {
+      {std::nullopt, kelcore::kErrorNotSignedIn, false, false},
+      {"not a record", kelcore::kErrorBadCredentials, false, false},
+      {Record(std::to_string(kNow + 3601)), 0, true, true},
+      {Record(std::to_string(kNow + 3600)), 0, false, true},  // expired, but refreshable
+      {Record(std::to_string(kNow + 3600), ""), 0, false, false},
+      {Record(std::to_string(kNow + 3601) + "junk"), 0, true, true},  // digits up to the first non-digit
+      {Record("soon"), 0, false, true},
+      {Record("+" + std::to_string(kNow + 7200)), 0, false, true},
+      {Record("99999999999999999999"), 0, false, true},   // overflow reads as 0
+      {Record("-9223372036854775808"), 0, false, true},  // far past: must not wrap round to "valid"
+  };
+  for (const auto& c : cases) {
+    Reset();
+    if (c.stored) Store(*c.stored);
+    const std::string name = c.stored.value_or("<nothing>");
+    EXPECT_EQ(manager->LoadCredentials(), c.loaded) << name;
+    EXPECT_EQ(manager->IsAccessTokenValid(), c.valid) << name;
+    EXPECT_EQ(manager->IsUserSignedIn(), c.signedIn) << name;
+    EXPECT_EQ(manager->GetAccessToken().View(), c.loaded == 0 ? "tok" : "") << name;
+  }
 }
 
 TEST_F(SignInTest, LoginOpensTheSignInPageWithAnEncodedCallback) {
@@ -148,6 +142,9 @@ TEST_F(SignInTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
       {"ostrio-test://ostrio#garbage", kelcore::kErrorBadCredentials, "garbage"},
       // The fragment starts at the first '#'.
       {"ostrio-test://ostrio#x#" + fragment, kelcore::kErrorBadCredentials, "x#" + fragment},
+      // Beyond the bound: not looked into, nothing stored.
+      {"ostrio-test://ostrio#" + fragment + "&pad=" + std::string(65 * 1024, 'x'), kelcore::kErrorInvalidArgument,
+       "old"},
   };
   for (const auto& c : cases) {
     Reset();
@@ -183,6 +180,25 @@ TEST_F(SignInTest, LogoutClearsMemoryAndStoreAndReportsWhenNothingWasStored) {
   // The first Logout dropped the sign-in callback: the redirect processed after it called nobody.
   DrainCallbacks();
   EXPECT_EQ(probe.Count(), 1u);
+}
+
+// A state folder the file store will not write through (here a link) is not read or emptied
+// through either: a sign-in there must not cost the user the record already stored.
+TEST_F(SignInTest, AFolderTheStoreRefusesKeepsTheStoredRecord) {
+  testing::TemporaryDirectory root;
+  const auto real = root.Path() / "real";
+  ASSERT_EQ(kelcore::KeychainUtils::CreateFileKeychain(real)->AddPassword(
+                kService, u"credentials_" + kelcore::KeychainUtils::CurrentUserName(), u"old", true),
+            0);
+  std::filesystem::create_directory_symlink(real, root.Path() / "link");
+  Reset(kelcore::KeychainUtils::CreateFileKeychain(root.Path() / "link"));
+  testing::LogCapture log;
+  const std::string url = "ostrio-test://ostrio#" + Record(std::to_string(kNow + 7200));
+  EXPECT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(url)), 0);
+  EXPECT_EQ(kelcore::KeychainUtils::CreateFileKeychain(real)->GetPassword(
+                kService, u"credentials_" + kelcore::KeychainUtils::CurrentUserName(), true),
+            u"old");
+  EXPECT_NE(log.AllText().find("symbolic link"), std::string::npos) << log.AllText();
 }
 
 TEST_F(SignInTest, CallbackIsDroppedWhenTheManagerIsGone) {

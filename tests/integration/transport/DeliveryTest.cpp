@@ -33,7 +33,7 @@ class DeliveryTest : public transport_test::EmulatorFixture {
   static std::shared_ptr<kelnet::Response> Post() {
     Awaited post;
     if (!kelnet::POST(Guid::CreateUnique(), post.Completion(), ImmutableString(emulator->ApiUrl("/graphql")), nullptr,
-                      {}, kelnet::Configuration())) {
+                      {}, Trusted())) {
       return nullptr;
     }
     return post.Get();
@@ -72,7 +72,7 @@ TEST_F(DeliveryTest, StoppedConsumerStallsNoOtherRequestAndLosesNoByte) {
         completed = true;
         download.Completion()(id, response);
       },
-      ImmutableString(Media(kLarge)), {}, kelnet::Configuration()));
+      ImmutableString(Media(kLarge)), {}, Trusted()));
   firstChunk.get_future().wait();
 
   // While the consumer is stopped, POSTs still get their answers; meanwhile the download's queue
@@ -104,7 +104,7 @@ TEST_F(DeliveryTest, ConsumerThatCancelsOrThrowsGetsNoFurtherChunk) {
             throw std::runtime_error("disk full");
           }
         },
-        awaited.Completion(), ImmutableString(Media(kLarge)), {}, kelnet::Configuration()));
+        awaited.Completion(), ImmutableString(Media(kLarge)), {}, Trusted()));
     EXPECT_FALSE(awaited.Get()) << cancel;
     EXPECT_EQ(calls, 1) << cancel;
   }
@@ -135,7 +135,7 @@ TEST_F(DeliveryTest, ShutdownWithConsumersStoppedAndTransfersPausedCompletesEach
                 ++*completions;
                 if (response) ++*answered;
               },
-              ImmutableString(Media(kLarge)), {}, kelnet::Configuration());
+              ImmutableString(Media(kLarge)), {}, Trusted());
         }
         if (stopped->get_future().wait_for(60s) != std::future_status::ready) std::exit(2);
         for (int i = 0; i < kRoundTrips; ++i) {

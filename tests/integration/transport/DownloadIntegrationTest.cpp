@@ -41,6 +41,11 @@ long StatusKiB(const std::string& name) {
 
 class DownloadIntegrationTest : public transport_test::EmulatorFixture {
  protected:
+  void SetUp() override {
+    EmulatorFixture::SetUp();
+    service.ConfigureCABundle(emulator->CaPath());
+  }
+
   std::shared_ptr<kelnet::Response> Download(std::uint64_t size) {
     Awaited awaited;
     const auto url = emulator->ApiUrl("/media/synthetic/" + std::to_string(size));
@@ -119,7 +124,8 @@ TEST_F(DownloadIntegrationTest, ErrorStatusBodiesNeverReachTheDataCallback) {
             0);
   auto response = awaited.Get();
   ASSERT_TRUE(response);
-  EXPECT_EQ(response->StatusCode(), 404);
+  // An unsigned media link is refused before the lookup, with a JSON body.
+  EXPECT_EQ(response->StatusCode(), 403);
   EXPECT_FALSE(response->Body().empty());
   EXPECT_EQ(sink.Bytes(), 0u);
 }

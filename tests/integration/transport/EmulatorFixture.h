@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <chrono>
 #include <future>
 #include <memory>
@@ -11,7 +12,7 @@
 #include "EmulatorProcess.h"
 #include "kelappsupport/ServiceBase.h"
 #include "kelcore/Dictionary.h"
-#include "tests/unit/transport/TransportTestSupport.h"
+#include "TransportTestSupport.h"
 
 namespace transport_test {
 
@@ -19,6 +20,8 @@ class EmulatorFixture : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     if (!emulator) emulator = EmulatorProcess::Start();
+    // The platform reads no product setting: every request here names the emulator's CA itself.
+    ::unsetenv("OSTRIOLIB_CABUNDLE");
   }
   static void TearDownTestSuite() { emulator.reset(); }
 
@@ -37,6 +40,13 @@ class EmulatorFixture : public ::testing::Test {
   }
 
   static void Fault(const std::string& json) { emulator->ControlPost("faults", json); }
+
+  // Per-request options that trust the emulator's CA.
+  static kelnet::Configuration Trusted() {
+    kelnet::Configuration configuration;
+    configuration.caBundlePath = emulator->CaPath();
+    return configuration;
+  }
 
   static inline std::unique_ptr<EmulatorProcess> emulator;
 };

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "kelcore/Logging.h"
@@ -67,7 +68,8 @@ class ScriptedServer {
       }
       const std::string answer = answerFor_(request);
       for (std::size_t sent = 0; sent < answer.size();) {
-        const ssize_t n = ::write(connection, answer.data() + sent, answer.size() - sent);
+        // The client may have given up on this answer already: no SIGPIPE for that.
+        const ssize_t n = ::send(connection, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
         if (n <= 0) break;
         sent += static_cast<std::size_t>(n);
       }
@@ -150,6 +152,55 @@ TEST(HttpWireTest, PostAnswersThatBreakTheProtocolFailWithoutLeakingTheUrl) {
   EXPECT_EQ(logged.find("SECRET"), std::string::npos) << logged;
 }
 
+TEST(HttpWireTest, PostAnswersPastTheirBoundsFailCleanly) {
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  ScriptedServer server([&](const std::string& request) -> std::string {
+    auto asked = [&](const char* path) { return request.find(path) != std::string::npos; };
+    const std::string body(1001, 'x');
+    if (asked("/announced")) return "HTTP/1.1 200 OK\r\nContent-Length: 1001\r\n\r\n" + body;
+    if (asked("/unannounced")) return "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + body;
+    if (asked("/silent")) released.wait();  // answers only once the test is done with it
+    return "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n" + body.substr(1);
+  });
+  // A failed assertion must not leave the server waiting: its destructor joins it.
+  std::shared_ptr<void> releaseOnExit(nullptr, [&](void*) { release.set_value(); });
+  kelnet::Configuration bounded;
+  bounded.maxAnswerBodyBytes = 1000;
+  bounded.deadline = std::chrono::milliseconds(300);
+  auto post = [&](const std::string& path) {
+    Awaited awaited;
+    EXPECT_TRUE(kelnet::POST(Guid::CreateUnique(), awaited.Completion(), ImmutableString(server.Url(path)), nullptr,
+                             {}, bounded));
+    return awaited.Get();
+  };
+  auto atTheLimit = post("/exact");
+  ASSERT_TRUE(atTheLimit);
+  EXPECT_EQ(atTheLimit->Body().size(), 1000u);
+  for (const char* path : {"/announced", "/unannounced", "/silent"}) EXPECT_FALSE(post(path)) << path;
+}
+
+TEST(HttpWireTest, PostWithoutAContentTypeSendsNone) {
+  std::mutex mutex;
+  std::string seen;
+  ScriptedServer server([&](const std::string& request) {
+    std::lock_guard lock(mutex);
+    seen = request;
+    return std::string("HTTP/1.1 204 No Content\r\n\r\n");
+  });
+  Awaited awaited;
+  ASSERT_TRUE(kelnet::POST(Guid::CreateUnique(), awaited.Completion(), ImmutableString(server.Url("/form")),
+                           kelcore::allocator::RecycledMemory::Copy("a=1&b=2"), {}, kelnet::Configuration()));
+  ASSERT_TRUE(awaited.Get());
+  std::lock_guard lock(mutex);
+  std::string head = seen.substr(0, seen.find("\r\n\r\n") + 2);
+  for (char& c : head) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  EXPECT_EQ(head.rfind("post /form http/1.1\r\n", 0), 0u) << seen;
+  EXPECT_EQ(head.find("\r\ncontent-type:"), std::string::npos) << seen;
+  EXPECT_NE(head.find("\r\ncontent-length: 7\r\n"), std::string::npos) << seen;
+  EXPECT_EQ(seen.substr(seen.size() - 7), "a=1&b=2");
+}
+
 // What one streaming GET delivered, and how it ended.
 struct Streamed {
   std::vector<std::pair<std::size_t, std::string>> chunks;  // offset, bytes
@@ -183,10 +234,11 @@ TEST(HttpWireTest, PartialAnswersThatDoNotAddUpNeverPlaceBytes) {
     if (asked("/no-range")) return head + "\r\n0123456789";
     if (asked("/unreadable")) return head + "Content-Range: bytes ten-19/*\r\n\r\n0123456789";
     if (asked("/backwards")) return head + "Content-Range: bytes 19-10/100\r\n\r\n0123456789";
+    if (asked("/past-total")) return head + "Content-Range: bytes 0-10/10\r\n\r\n0123456789A";
     if (asked("/too-long")) return head + "Content-Range: bytes 10-19/100\r\n\r\n0123456789ABCDEFGHIJ";
     return head + "content-range:  bytes 10-19/100 \r\n\r\n0123456789";
   });
-  for (const char* path : {"/no-range", "/unreadable", "/backwards"}) {
+  for (const char* path : {"/no-range", "/unreadable", "/backwards", "/past-total"}) {
     auto streamed = Get(server.Url(path));
     EXPECT_FALSE(streamed.response) << path;
     EXPECT_TRUE(streamed.chunks.empty()) << path;

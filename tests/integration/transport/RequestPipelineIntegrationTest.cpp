@@ -29,6 +29,7 @@ class RequestPipelineIntegrationTest : public transport_test::EmulatorFixture {
  protected:
   void SetUp() override {
     EmulatorFixture::SetUp();
+    service.ConfigureCABundle(emulator->CaPath());
     RetryPolicy fast;
     fast.initialBackoff = 5ms;
     fast.maxBackoff = 20ms;
@@ -105,6 +106,7 @@ TEST_F(RequestPipelineIntegrationTest, RecoverableFaultsAreRetriedThenReported) 
 class RecordingScheduler : public IRetryScheduler {
  public:
   std::chrono::steady_clock::time_point Now() override { return inner->Now(); }
+  std::chrono::system_clock::time_point WallNow() override { return inner->WallNow(); }
   bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) override {
     requested.push_back(delay);
     return inner->ScheduleAfter(0ms, std::move(task));
@@ -208,7 +210,7 @@ TEST_F(RequestPipelineIntegrationTest, StreamsRefusedByAClosingConnectionAreSent
           next();
           if (++finished == kRequests) done.set_value();
         },
-        ImmutableString(GraphQL()), body, headers, kelnet::Configuration()));
+        ImmutableString(GraphQL()), body, headers, Trusted()));
   };
   for (int i = 0; i < 16; ++i) next();
   ASSERT_EQ(done.get_future().wait_for(5min), std::future_status::ready);
@@ -216,11 +218,13 @@ TEST_F(RequestPipelineIntegrationTest, StreamsRefusedByAClosingConnectionAreSent
 }
 
 TEST_F(RequestPipelineIntegrationTest, PeerIsAlwaysVerified) {
+  // A request's own bundle wins over the one its service trusts.
   kelnet::Configuration systemOnly;
   systemOnly.caBundlePath = "/etc/ssl/certs/ca-certificates.crt";  // trusts the world, not the emulator
   Awaited awaited;
-  ASSERT_TRUE(kelnet::POST(Guid::CreateUnique(), awaited.Completion(), ImmutableString(GraphQL()), nullptr, {},
-                           systemOnly));
+  ASSERT_EQ(service.HttpPost(Guid::CreateUnique(), awaited.Completion(), ImmutableString(GraphQL()), nullptr, {},
+                             systemOnly, true),
+            0);
   EXPECT_FALSE(awaited.Get());
   EXPECT_TRUE(Requests().empty());
 
@@ -238,6 +242,7 @@ TEST_F(RequestPipelineIntegrationTest, ShutdownCompletesEverythingInFlight) {
         Fault(R"({"route":"graphql","delayMs":60000,"count":100})");
         Fault(R"({"route":"media","bytesPerSecond":1000})");
         auto* service = new ServiceBase();
+        service->ConfigureCABundle(emulator->CaPath());
         service->ConfigureRequestThrottling(2, 2);
         auto* completions = new std::atomic<int>(0);
         auto* answered = new std::atomic<int>(0);
@@ -274,6 +279,7 @@ TEST_F(RequestPipelineIntegrationTest, ProcessExitWithRequestsInFlightDoesNotHan
       {
         Fault(R"({"route":"graphql","delayMs":60000,"count":10})");
         auto* service = new ServiceBase();
+        service->ConfigureCABundle(emulator->CaPath());
         for (int i = 0; i < 10; ++i) {
           service->HttpPost(Guid::CreateUnique(), [](auto&, auto&) {}, ImmutableString(GraphQL()), nullptr, {}, {},
                             true);

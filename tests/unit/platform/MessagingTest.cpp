@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kelcore/Executor.h"
+#include "kelcore/Logging.h"
 #include "kelcore/Messaging.h"
 
 namespace {
@@ -144,12 +145,19 @@ TEST_F(Messaging, DisposedStationsAndMissingDispatchersDeliverNothing) {
   RegisterStation(station_);
   Listener<MessageBase<PongTag, std::shared_ptr<int>>> holder(station_, [&](const auto&) { ++calls; });
   async::UninstallMainThreadDispatcher();
+  std::vector<std::string> warnings;
+  logging::SetSink([&](const logging::Record& r) { warnings.push_back(r.message); }, logging::Level::Warning);
   auto payload = std::make_shared<int>(1);
   std::weak_ptr<int> watch = payload;
   AsyncBroadcastMessagePtr(station_, std::make_unique<MessageBase<PongTag, std::shared_ptr<int>>>(std::move(payload)));
+  AsyncBroadcastMessagePtr(station_, std::make_unique<Pong>("again"));
+  logging::SetSink({});
   EXPECT_TRUE(watch.expired());
   EXPECT_EQ(loop_->RunPending(), 0u);
   EXPECT_EQ(calls, 0);
+  // Said once, naming the missing call, not once per dropped message.
+  ASSERT_EQ(warnings.size(), 1u);
+  EXPECT_NE(warnings[0].find("InstallMainThreadDispatcher"), std::string::npos);
 }
 
 }  // namespace

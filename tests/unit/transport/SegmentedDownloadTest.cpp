@@ -8,7 +8,7 @@
 
 #include "kelappsupport/ServiceBase.h"
 #include "kelnet/Constants.h"
-#include "tests/unit/transport/TransportTestSupport.h"
+#include "TransportTestSupport.h"
 
 namespace {
 
@@ -141,9 +141,11 @@ TEST_F(SegmentedDownloadTest, LargeResourceComesAsConcurrentGuardedPieces) {
   const auto& all = transport->all;
   EXPECT_EQ(all.front()->Header("range"), "bytes=0-1048575");
   EXPECT_TRUE(all.front()->Header("if-range").empty());
-  for (std::size_t i = 1; i < all.size(); ++i) {
-    EXPECT_EQ(all[i]->Header("if-range"), "\"v1\"");
-    EXPECT_FALSE(all[i]->configuration.allowHttp2);
+  for (std::size_t i = 0; i < all.size(); ++i) {
+    if (i > 0) {
+      EXPECT_EQ(all[i]->Header("if-range"), "\"v1\"");
+    }
+    EXPECT_FALSE(all[i]->configuration.allowHttp2) << i;  // a paused HTTP/2 stream holds 32 MiB
   }
 }
 

@@ -10,7 +10,8 @@
 #include "kelappsupport/ServiceBase.h"
 #include "kelcore/ResultCodes.h"
 #include "kelnet/Constants.h"
-#include "tests/unit/transport/TransportTestSupport.h"
+#include "TransportTestSupport.h"
+#include "kelnet/Http.h"
 
 namespace {
 
@@ -142,11 +143,25 @@ TEST_F(ServiceBaseTest, RetriesStopAtTheirLimitsWithTheLastAnswer) {
   transport->Answer(transport->Take(), 200);
   EXPECT_EQ(honoured.response->StatusCode(), 200);
 
-  Outcome tooLong;
-  Post(tooLong);
-  transport->Answer(transport->Take(), 503, {{"retry-after", "3600"}});
-  ASSERT_EQ(tooLong.calls, 1);
-  EXPECT_EQ(tooLong.response->StatusCode(), 503);
+  // A date is read against the scheduler's wall clock, to the second.
+  scheduler->SetWallNow(std::chrono::system_clock::from_time_t(784111777));  // Sun, 06 Nov 1994 08:49:37 GMT
+  Outcome dated;
+  Post(dated);
+  transport->Answer(transport->Take(), 503, {{"retry-after", "Sun, 06 Nov 1994 08:50:07 GMT"}});
+  EXPECT_EQ(scheduler->delays.back(), 30000ms);
+  scheduler->RunNext();
+  transport->Answer(transport->Take(), 200);
+  EXPECT_EQ(dated.response->StatusCode(), 200);
+
+  // Waits beyond maxRetryAfter, however far off (a date past what a clock can count in
+  // nanoseconds included), end the retries at once.
+  for (const char* far : {"3600", "Fri, 31 Dec 9999 23:59:59 GMT"}) {
+    Outcome tooLong;
+    Post(tooLong);
+    transport->Answer(transport->Take(), 503, {{"retry-after", far}});
+    ASSERT_EQ(tooLong.calls, 1) << far;
+    EXPECT_EQ(tooLong.response->StatusCode(), 503);
+  }
 
   // No retry starts later than maxTotal after the first attempt.
   policy.maxAttempts = 100;
@@ -161,6 +176,21 @@ TEST_F(ServiceBaseTest, RetriesStopAtTheirLimitsWithTheLastAnswer) {
     scheduler->RunNext();
   }
   EXPECT_EQ(attempts, 3);  // waits of 187 + 375 ms fit in a second; the next 750 ms does not
+}
+
+TEST_F(ServiceBaseTest, StatusesOutsideTheRecoverableListReachTheCallerAfterOneAttempt) {
+  service.ConfigureForRecoverableErrorProcessor({502, 503, 504});
+  for (int status : {500, 501, 505}) {
+    Outcome outcome;
+    Post(outcome);
+    transport->Answer(transport->Take(), status, {{"retry-after", "1"}});
+    EXPECT_EQ(outcome.calls, 1) << status;
+    ASSERT_TRUE(outcome.response) << status;
+    EXPECT_EQ(outcome.response->StatusCode(), status);
+    EXPECT_FALSE(scheduler->RunNext()) << status << " was scheduled for a retry";
+    EXPECT_EQ(transport->PendingCount(), 0u) << status;
+  }
+  EXPECT_EQ(transport->all.size(), 3u);
 }
 
 TEST(RetryAfterTest, SecondsAndDates) {
@@ -251,7 +281,13 @@ TEST_F(ServiceBaseTest, TheTokenGoesOnlyWhereItIsMeantTo) {
   EXPECT_TRUE(tokenSentTo("https://cdn.elsewhere.test/a"));  // no hosts named yet
   EXPECT_FALSE(tokenSentTo("http://api.example.test/graphql"));
   EXPECT_TRUE(tokenSentTo("http://127.0.0.1:8443/graphql"));
+  EXPECT_TRUE(tokenSentTo("http://127.255.0.9/graphql"));
+  EXPECT_TRUE(tokenSentTo("http://[::1]:8443/graphql"));
   EXPECT_TRUE(tokenSentTo("http://api.ostrio.localhost:8443/graphql"));
+  // Names that only look like this machine.
+  EXPECT_FALSE(tokenSentTo("http://127.attacker.example/"));
+  EXPECT_FALSE(tokenSentTo("http://127.0.0.1.attacker.example/"));
+  EXPECT_FALSE(tokenSentTo("http://localhost.attacker.example/"));
 
   ASSERT_EQ(service.ConfigureAuthorizedHosts({".Example.test:8443"}), 0);
   EXPECT_TRUE(tokenSentTo("https://api.example.test/graphql"));
@@ -280,6 +316,56 @@ TEST_F(ServiceBaseTest, RefusedRequestsReportAtOnceAndNeverComplete) {
   EXPECT_EQ(running.calls, 1);
   EXPECT_EQ(queued.calls, 1);
   EXPECT_FALSE(queued.response);
+}
+
+}  // namespace
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// With kelnet's own timer (the fake scheduler runs timers on the test thread and would hide it):
+// a request that a retry or a resume finishes still completes off the network thread.
+TEST(CallbackThreadTest, CompletionsReachedThroughATimerStayOffTheNetworkThread) {
+  for (const bool streaming : {false, true}) {
+    auto transport = std::make_shared<transport_test::FakeTransport>();
+    kelappsupport::cloudservice::ServiceBase service;
+    service.SetTransport(transport);
+    service.ConfigureForRecoverableErrorProcessor({503});
+    std::promise<bool> onNetworkThread;
+    auto completion = [&](const kelcore::utility::Guid&, const std::shared_ptr<kelnet::Response>&) {
+      onNetworkThread.set_value(kelnet::IsNetworkThread());
+    };
+    const auto id = kelcore::utility::Guid::CreateUnique();
+    if (streaming) {
+      ASSERT_EQ(service.HttpStreamingGet(id, [](auto&, auto, auto, auto, auto&, auto&) {}, completion,
+                                         "https://media.example.test/a", {}, {}, false),
+                0);
+      // Ten bytes, then the connection breaks: the range resumes from a timer, and that is refused.
+      auto probe = transport->Take();
+      ASSERT_TRUE(probe);
+      const char bytes[10] = {};
+      probe->onData(probe->id, bytes, 0, sizeof bytes, kelnet::Progress{}, {{"content-range", "bytes 0-9/100"}});
+      transport->refuse = true;
+      transport->Answer(probe, nullptr);
+    } else {
+      ASSERT_EQ(service.HttpPost(id, completion, "https://api.example.test/graphql", nullptr, {}, {}, false), 0);
+      transport->refuse = true;  // the retry is refused
+      transport->Answer(transport->Take(), 503);
+    }
+    auto future = onNetworkThread.get_future();
+    ASSERT_EQ(future.wait_for(60s), std::future_status::ready) << streaming;
+    EXPECT_FALSE(future.get()) << (streaming ? "download" : "post");
+  }
+  // Nor does kelnet run a POST's own completion there (nothing listens on port 1).
+  std::promise<bool> onNetworkThread;
+  ASSERT_TRUE(kelnet::POST(
+      kelcore::utility::Guid::CreateUnique(),
+      [&](const auto&, const auto&) { onNetworkThread.set_value(kelnet::IsNetworkThread()); },
+      "http://127.0.0.1:1/", nullptr, {}, {}));
+  auto future = onNetworkThread.get_future();
+  ASSERT_EQ(future.wait_for(60s), std::future_status::ready);
+  EXPECT_FALSE(future.get());
 }
 
 }  // namespace

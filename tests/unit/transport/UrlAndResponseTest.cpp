@@ -18,7 +18,8 @@ TEST(URLTest, ValidityRule) {
   for (const char* url : {"", "api.ostrio.io/graphql", "ftp://host/", "https://", "https:///path", "https://host:0/",
                           "https://host:65536/", "https://host:/", "https://ho st/", "https://host/a b",
                           "https://host/\r\nX-Injected: 1", "https://.host/", "https://a..b/", "https://[zz::1]/",
-                          "https://host:12a/", "javascript://alert(1)"}) {
+                          "https://host:12a/", "javascript://alert(1)", "http://127.1/", "http://u@8080/p",
+                          "https://0x7f.0.0.1/", "https://010.0.0.1/"}) {
     EXPECT_FALSE(kelnet::IsValidURL(url)) << url;
   }
 }

@@ -17,8 +17,8 @@ class IService : public virtual kelcore::classref::Unknown {
   ~IService() override = default;
 
   // Both return 0 when the request was started or queued, in which case the completion runs
-  // exactly once, on a network or executor thread; a negative result code when it was not (the
-  // completion is then never called).
+  // exactly once, never on the network thread (see ServiceBase.h for where); a negative result
+  // code when it was not (the completion is then never called).
   virtual int HttpPost(const kelcore::utility::Guid& requestId, kelnet::Completion completion,
                        const kelcore::ImmutableString& url,
                        std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,

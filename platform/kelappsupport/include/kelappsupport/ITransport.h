@@ -25,13 +25,19 @@ class ITransport {
                             const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration) = 0;
   // The request completes with a null response (if it has not completed yet).
   virtual void Cancel(const kelcore::utility::Guid& requestId) = 0;
+  // Runs task where this transport runs streaming callbacks (kelnet: its delivery thread), for a
+  // streaming completion reached through a timer or a refusal rather than through the transfer.
+  // A test transport that calls back on the test's thread may run it at once.
+  virtual void RunWithStreamingCallbacks(std::function<void()> task) { task(); }
 };
 
-// The clock, the timer and the dice of the retry logic.
+// The clocks, the timer and the dice of the retry logic.
 class IRetryScheduler {
  public:
   virtual ~IRetryScheduler() = default;
   virtual std::chrono::steady_clock::time_point Now() = 0;
+  // The wall clock, for a Retry-After given as a date.
+  virtual std::chrono::system_clock::time_point WallNow() = 0;
   // Runs task once delay has passed; false when it cannot (shut down): the caller then gives up.
   virtual bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) = 0;
   // Uniform in [0, 1).
@@ -40,7 +46,8 @@ class IRetryScheduler {
 
 // kelnet's POST, StreamingGET and Cancel.
 std::shared_ptr<ITransport> GetDefaultTransport();
-// steady_clock, timers on kelnet's network thread, a per-thread random engine.
+// steady_clock and system_clock, kelnet's timers (their tasks run on its completion thread), a
+// per-thread random engine.
 std::shared_ptr<IRetryScheduler> GetDefaultRetryScheduler();
 
 }  // namespace kelappsupport::cloudservice

@@ -7,9 +7,11 @@
 // and the verdict on the answer: recoverable statuses and, if so configured, connectivity
 // failures are retried under the retry policy; a 401 notifies the authorization processor.
 //
-// Threads: POST completions run on kelnet's network thread; a streaming GET's data callbacks and
-// its completion on kelnet's delivery thread, chunks before the completion (a test transport
-// uses its own thread for both). The authorization callback runs on kelcore's default executor.
+// Threads: no callback runs on kelnet's network thread. POST completions run on kelnet's
+// completion thread (where its timers fire, so a retry's end runs there too); a streaming GET's
+// data callbacks and its completion on kelnet's delivery thread, chunks before the completion,
+// whether the transfer, a resume timer or a refusal ends it (a test transport uses its own thread
+// for both). The authorization callback runs on kelcore's default executor.
 
 #include <functional>
 #include <memory>
@@ -63,11 +65,17 @@ class ServiceBase : public virtual IService {
 
   int ConfigureDownloads(const DownloadPolicy& policy);
   // Where the token set by SetAuthToken may go. It never goes over plain http, except to this
-  // machine (localhost, *.localhost, 127.0.0.0/8, ::1). With domains named here ("ostrio.io",
-  // ".ostrio.io" or ".ostrio.localhost:8443": a leading dot and a port are ignored) it goes only to
-  // those hosts and their subdomains; until then to every https host. Other requests still go out,
-  // without the token.
+  // machine (localhost, *.localhost, an IPv4 address in 127.0.0.0/8, ::1; never a name that
+  // merely starts with "127."). With domains named here ("ostrio.io", ".ostrio.io" or
+  // ".ostrio.localhost:8443": a leading dot and a port are ignored) it goes only to those hosts
+  // and their subdomains; until then to every https host. Other requests still go out, without
+  // the token.
   int ConfigureAuthorizedHosts(const std::vector<std::string>& domains);
+
+  // An extra CA bundle (PEM file) trusted by every request of this service whose Configuration
+  // names none; empty: the system store only. The owner decides where it comes from (a setting of
+  // its product); the platform reads none.
+  int ConfigureCABundle(const std::string& path);
 
   // Seams for tests; the defaults are kelnet's.
   void SetTransport(std::shared_ptr<ITransport> transport);

@@ -14,6 +14,10 @@ class File {
   std::u16string FullPath() const;
   const std::filesystem::path& Path() const noexcept { return path_; }
 
+  // The folder under which applications keep the current user's state, each in a folder of its
+  // own: $XDG_STATE_HOME, else ~/.local/state, on freedesktop systems.
+  static std::filesystem::path UserStateDirectory();
+
  private:
   std::filesystem::path path_;
 };

@@ -12,7 +12,9 @@
 
 #include <chrono>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "kelcore/ClassRef.h"
 #include "kelcore/ResultCodes.h"
@@ -44,13 +46,25 @@ class IKeychainUtils : public classref::Unknown {
   virtual std::u16string GetUserName() = 0;
 };
 
+// Which store GetKeychainUtils opens.
+enum class KeychainChoice {
+  kAuto,           // the Secret Service when one is usable, else the file store, with a warning
+  kSecretService,  // the Secret Service only; without one, every operation fails
+  kFile,           // the file store
+  kMemory,         // the memory store
+};
+
 class KeychainUtils {
  public:
-  // The store the debug-database entry "ostriolib.keychain" names: "secret-service", "file",
-  // "memory", or "auto" (the default): the Secret Service when one answers within a few seconds
-  // and its default collection is (or can be) unlocked, else the file store, with a warning.
-  // Returns at once and does no I/O; the choice is made on the first operation.
-  static classref::InterfaceRef<IKeychainUtils> GetKeychainUtils();
+  // "auto", "secret-service", "file" or "memory", in any letter case; nullopt for anything else.
+  static std::optional<KeychainChoice> ParseKeychainChoice(std::string_view text);
+
+  // The store `choice` names; the file store (and auto's fallback) keeps its files in
+  // `fileStoreDirectory`. Returns at once and does no I/O: the Secret Service is probed on the
+  // first operation (within a few seconds; its default collection must be, or become, unlocked),
+  // so a host that never signs in never talks to D-Bus.
+  static classref::InterfaceRef<IKeychainUtils> GetKeychainUtils(KeychainChoice choice,
+                                                                  std::filesystem::path fileStoreDirectory);
 
   static classref::InterfaceRef<IKeychainUtils> CreateMemoryKeychain();
   // The file store in `directory` (created 0700 on first write).
@@ -62,9 +76,6 @@ class KeychainUtils {
       std::chrono::milliseconds timeout = std::chrono::seconds(5),
       std::chrono::milliseconds unlockTimeout = std::chrono::seconds(30));
 
-  // Where the file store keeps its files: "credentials" under "ostriolib.statedir", whose default
-  // is $XDG_STATE_HOME/ostriolib (~/.local/state/ostriolib).
-  static std::filesystem::path DefaultFileStoreDirectory();
   // The login name of the user the process runs as (the passwd entry of the effective user,
   // else $USER / $LOGNAME, else the numeric user id).
   static std::u16string CurrentUserName();

@@ -5,12 +5,14 @@
 #include <sys/types.h>
 
 #include <filesystem>
+#include <string>
 #include <string_view>
 
 namespace kelcore::linux_detail {
 
 // The temporary file is ".<name>.XXXXXX" in the target's folder and is created with `mode`
-// (never wider than asked, whatever the umask). false, leaving the old file, on any failure.
-bool WriteFileAtomically(const std::filesystem::path& path, std::string_view bytes, mode_t mode);
+// (never wider than asked, whatever the umask). false, leaving the old file and no temporary one,
+// on any failure, with the failing step and the system's reason in `reason`.
+bool WriteFileAtomically(const std::filesystem::path& path, std::string_view bytes, mode_t mode, std::string& reason);
 
 }  // namespace kelcore::linux_detail

@@ -1,4 +1,4 @@
-// Opens URLs by starting the user's opener (xdg-open or "ostriolib.browser") without a shell.
+// Opens URLs by starting an opener command (xdg-open, or the one the caller names) without a shell.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,7 +14,6 @@
 #include <mutex>
 #include <vector>
 
-#include "kelcore/Configuration.h"
 #include "kelcore/Logging.h"
 #include "kelcore/OSUtilsWrapper.h"
 
@@ -136,16 +135,10 @@ bool OpenWith(const std::string& command, const std::string& url, std::chrono::m
 
 class CommandOpener final : public IOSUtilsWrapper {
  public:
-  // An empty command means "read ostriolib.browser on each call, else xdg-open".
   CommandOpener(std::string command, std::chrono::milliseconds exitWait)
       : command_(std::move(command)), exitWait_(exitWait) {}
 
-  bool OpenURL(const std::string& url) override {
-    std::string command = command_;
-    if (command.empty()) command = config::DebugDatabase::Instance().GetEntry("ostriolib.browser", "").ToStdString();
-    if (command.empty()) command = "xdg-open";
-    return OpenWith(command, url, exitWait_);
-  }
+  bool OpenURL(const std::string& url) override { return OpenWith(command_, url, exitWait_); }
 
   KEL_CLASS_REGISTRATION(CommandOpener, IOSUtilsWrapper)
 
@@ -158,7 +151,7 @@ class CommandOpener final : public IOSUtilsWrapper {
 
 classref::InterfaceRef<IOSUtilsWrapper> OSUtilsWrapper::GetOSUtilsWrapper() {
   return classref::InterfaceRef<IOSUtilsWrapper>(
-      classref::AllocateClassInstance<CommandOpener>(std::string(), kDefaultOpenerExitWait));
+      classref::AllocateClassInstance<CommandOpener>(std::string("xdg-open"), kDefaultOpenerExitWait));
 }
 
 classref::InterfaceRef<IOSUtilsWrapper> OSUtilsWrapper::CreateCommandOpener(std::string command,

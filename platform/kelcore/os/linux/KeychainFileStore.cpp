@@ -1,8 +1,11 @@
 // The file store: one file per service/account, for machines without a Secret Service.
 //
-// The folder is 0700 and each file 0600, written atomically, so a crash leaves either the old
-// secret or the new one, never half of either. A file that group or others can read is refused:
-// its secret may have leaked, and using it would hide that.
+// The folder is 0700 and each file 0600, written atomically, so a crash or a full disk leaves
+// either the old secret or the new one, never half of either. A file that group or others can
+// read is refused: its secret may have leaked, and using it would hide that. The folder itself
+// must be a real folder of ours (not a link, not another user's) for reads, writes and removals
+// alike: a store that could read and remove but not write would lose every record it replaced.
+// Secrets are small: a file beyond kMaxSecretBytes is not one of ours and is not read.
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,13 +13,14 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
 #include <tuple>
 #include <utility>
 
-#include "../../src/KeychainBackend.h"
+#include "KeychainBackend.h"
 #include "AtomicFile.h"
 #include "kelcore/Strings.h"
 
@@ -24,6 +28,7 @@ namespace kelcore {
 namespace {
 
 constexpr std::size_t kMaxFileName = 255;
+constexpr std::size_t kMaxSecretBytes = 64 * 1024;
 
 // Letters, digits, '-', '_' and '.' stay (except a leading '.'); every other byte of the UTF-8
 // text becomes %XX. '@' is always escaped, so it can separate service from account, and no
@@ -64,14 +69,39 @@ class FileDescriptor {
   int fd_;
 };
 
+constexpr std::string_view kMissingFolder = "it does not exist";
+
+// Whether the folder is a real folder (not a link) owned by us; the reason when not.
+bool IsOwnDirectory(const std::filesystem::path& directory, struct stat& info, std::string& reason) {
+  if (::lstat(directory.c_str(), &info) != 0) {
+    reason = errno == ENOENT ? std::string(kMissingFolder) : std::string(std::strerror(errno));
+    return false;
+  }
+  if (!S_ISDIR(info.st_mode)) {
+    reason = S_ISLNK(info.st_mode) ? "it is a symbolic link" : "it is not a folder";
+    return false;
+  }
+  if (info.st_uid != ::geteuid()) {
+    reason = "it belongs to another user";
+    return false;
+  }
+  return true;
+}
+
 // Makes the folder and any missing parents; the last one is ours alone.
-bool EnsurePrivateDirectory(const std::filesystem::path& directory) {
+bool EnsurePrivateDirectory(const std::filesystem::path& directory, std::string& reason) {
   std::error_code error;
   if (directory.has_parent_path()) std::filesystem::create_directories(directory.parent_path(), error);
-  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  if (::mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
+    reason = std::strerror(errno);
+    return false;
+  }
   struct stat info {};
-  if (::lstat(directory.c_str(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid()) return false;
-  if ((info.st_mode & 077) != 0 && ::chmod(directory.c_str(), 0700) != 0) return false;
+  if (!IsOwnDirectory(directory, info, reason)) return false;
+  if ((info.st_mode & 077) != 0 && ::chmod(directory.c_str(), 0700) != 0) {
+    reason = std::strerror(errno);
+    return false;
+  }
   return true;
 }
 
@@ -92,12 +122,21 @@ class FileKeychain final : public keychain_detail::KeychainBackend<FileKeychain>
       return kResultOK;
     }
     const std::string name = FileNameFor(service, account);
-    if (name.size() + 8 > kMaxFileName) return kErrorInvalidArgument;
-    if (!EnsurePrivateDirectory(directory_)) {
-      keychain_detail::Warn("Credential file store: cannot create a private folder at " + directory_.string());
+    const std::string bytes = UTF16ToUTF8(secret);
+    if (name.size() + 8 > kMaxFileName || bytes.size() > kMaxSecretBytes) {
+      keychain_detail::Warn("Credential file store: not storing a secret: its name or its size is beyond bounds");
+      return kErrorInvalidArgument;
+    }
+    std::string reason;
+    if (!EnsurePrivateDirectory(directory_, reason)) {
+      keychain_detail::Warn("Credential file store: not storing a secret: no private folder at " +
+                            directory_.string() + " (" + reason + ")");
       return kErrorFailed;
     }
-    if (!linux_detail::WriteFileAtomically(directory_ / name, UTF16ToUTF8(secret), 0600)) return kErrorFailed;
+    if (!linux_detail::WriteFileAtomically(directory_ / name, bytes, 0600, reason)) {
+      keychain_detail::Warn("Credential file store: storing a secret failed, the old one is kept (" + reason + ")");
+      return kErrorFailed;
+    }
     return kResultOK;
   }
 
@@ -108,6 +147,7 @@ class FileKeychain final : public keychain_detail::KeychainBackend<FileKeychain>
       auto found = sessionSecrets_.find({service, account});
       return found == sessionSecrets_.end() ? std::u16string() : found->second;
     }
+    if (!UsableDirectory("reading")) return {};
     const std::filesystem::path path = directory_ / FileNameFor(service, account);
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) return {};
@@ -118,29 +158,49 @@ class FileKeychain final : public keychain_detail::KeychainBackend<FileKeychain>
                             ", which is not private to its owner (expected mode 0600)");
       return {};
     }
-    std::string bytes;
-    char buffer[4096];
-    for (;;) {
-      const ssize_t got = ::read(fd.get(), buffer, sizeof buffer);
-      if (got < 0) {
-        if (errno == EINTR) continue;
-        return {};
-      }
-      if (got == 0) break;
-      bytes.append(buffer, static_cast<std::size_t>(got));
+    if (static_cast<std::size_t>(info.st_size) > kMaxSecretBytes) {
+      keychain_detail::Warn("Credential file store: refusing " + path.string() + ", which is larger than " +
+                            std::to_string(kMaxSecretBytes) + " bytes");
+      return {};
     }
+    // Read up to the bound only, should the file grow after the size check.
+    std::string bytes(kMaxSecretBytes + 1, '\0');
+    std::size_t got = 0;
+    while (got < bytes.size()) {
+      const ssize_t read = ::read(fd.get(), bytes.data() + got, bytes.size() - got);
+      if (read < 0 && errno == EINTR) continue;
+      if (read < 0) return {};
+      if (read == 0) break;
+      got += static_cast<std::size_t>(read);
+    }
+    if (got > kMaxSecretBytes) return {};
+    bytes.resize(got);
     return UTF8ToUTF16(bytes);
   }
 
   bool RemovePassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
     std::lock_guard lock(mutex_);
     if (!persistent) return sessionSecrets_.erase({service, account}) > 0;
+    if (!UsableDirectory("removing")) return false;
     if (::unlink((directory_ / FileNameFor(service, account)).c_str()) != 0) return false;
     SyncDirectory(directory_);
     return true;
   }
 
  private:
+  // Reads and removals go only through a folder a write would accept. A missing folder is no
+  // error: nothing is stored yet.
+  bool UsableDirectory(std::string_view action) const {
+    struct stat info {};
+    std::string reason;
+    if (IsOwnDirectory(directory_, info, reason)) return true;
+    if (reason != kMissingFolder) {
+      keychain_detail::Warn("Credential file store: not " + std::string(action) + " a secret: the folder " +
+                            directory_.string() + " is not usable (" + reason + ")");
+    }
+    return false;
+  }
+
   const std::filesystem::path directory_;
   std::mutex mutex_;  // one writer at a time inside the process; rename keeps other processes safe
   std::map<std::tuple<std::u16string, std::u16string>, std::u16string> sessionSecrets_;

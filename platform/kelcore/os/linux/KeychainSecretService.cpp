@@ -11,9 +11,10 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
-#include "../../src/KeychainBackend.h"
+#include "KeychainBackend.h"
 #include "kelcore/Strings.h"
 
 namespace kelcore {
@@ -129,46 +130,34 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
     Attributes attributes = MakeAttributes(serviceText, accountText, persistent);
     SecretValue* value = secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "text/plain");
     std::lock_guard lock(context_->mutex);
-    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
-      secret_service_store(service_.get(), Schema(), attributes.get(),
-                           persistent ? SECRET_COLLECTION_DEFAULT : SECRET_COLLECTION_SESSION, label.c_str(), value,
-                           cancellable, callback, data);
-    });
+    GErrorPtr error;
+    const auto stored = Call("storing a secret", &secret_service_store_finish, error,
+                             [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+                               secret_service_store(service_.get(), Schema(), attributes.get(),
+                                                    persistent ? SECRET_COLLECTION_DEFAULT : SECRET_COLLECTION_SESSION,
+                                                    label.c_str(), value, cancellable, callback, data);
+                             });
     secret_value_unref(value);
-    if (!done) {
-      keychain_detail::Warn("Secret Service: storing a secret timed out");
-      return kErrorFailed;
-    }
-    GError* raw = nullptr;
-    const bool stored = secret_service_store_finish(service_.get(), done.get(), &raw);
-    GErrorPtr error(raw);
-    if (!stored) {
+    if (stored && !*stored) {
       keychain_detail::Warn("Secret Service: storing a secret failed: " + Describe(error, "unknown error"));
-      return kErrorFailed;
     }
-    return kResultOK;
+    return stored && *stored ? kResultOK : kErrorFailed;
   }
 
-  std::u16string GetPassword(const std::u16string& service, const std::u16string& account,
-                             bool persistent) override {
-    Attributes attributes = MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent);
+  std::u16string GetPassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
     std::lock_guard lock(context_->mutex);
-    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
-      secret_service_lookup(service_.get(), Schema(), attributes.get(), cancellable, callback, data);
-    });
-    if (!done) {
-      keychain_detail::Warn("Secret Service: reading a secret timed out");
-      return {};
-    }
-    GError* raw = nullptr;
-    SecretValue* value = secret_service_lookup_finish(service_.get(), done.get(), &raw);
-    GErrorPtr error(raw);
+    GErrorPtr error;
+    const auto found = CallForItem("reading a secret", &secret_service_lookup, &secret_service_lookup_finish,
+                                   MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent), error);
+    if (!found) return {};
+    SecretValue* value = *found;
     if (!value) {
       if (error) {
         keychain_detail::Warn("Secret Service: reading a secret failed: " + Describe(error, ""));
-      } else if (IsLocked(attributes.get())) {
+      } else if (IsLocked(MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent).get())) {
         // A locked item reads as "nothing stored", exactly like a missing one; say which it was.
-        keychain_detail::Warn("Secret Service: a stored secret is locked and could not be unlocked; reading it as absent");
+        keychain_detail::Warn(
+            "Secret Service: a stored secret is locked and could not be unlocked; reading it as absent");
       }
       return {};
     }
@@ -180,23 +169,44 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
   }
 
   bool RemovePassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
-    Attributes attributes = MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent);
     std::lock_guard lock(context_->mutex);
-    auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
-      secret_service_clear(service_.get(), Schema(), attributes.get(), cancellable, callback, data);
-    });
-    if (!done) {
-      keychain_detail::Warn("Secret Service: removing a secret timed out");
-      return false;
-    }
-    GError* raw = nullptr;
-    const bool removed = secret_service_clear_finish(service_.get(), done.get(), &raw);
-    GErrorPtr error(raw);
+    GErrorPtr error;
+    const auto removed = CallForItem("removing a secret", &secret_service_clear, &secret_service_clear_finish,
+                                     MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent), error);
     if (error) keychain_detail::Warn("Secret Service: removing a secret failed: " + Describe(error, ""));
-    return removed;
+    return removed && *removed;
   }
 
  private:
+  // One call, bounded by the store's timeout: start(cancellable, callback, data) begins it and
+  // finish(service, result, &error) takes its result. nullopt (with a warning) when it timed out. Caller
+  // holds the mutex.
+  template <class Value, class Start>
+  std::optional<Value> Call(std::string_view what, Value (*finish)(SecretService*, GAsyncResult*, GError**),
+                            GErrorPtr& error, Start&& start) {
+    auto done = context_->Run(timeout_, std::forward<Start>(start));
+    if (!done) {
+      keychain_detail::Warn("Secret Service: " + std::string(what) + " timed out");
+      return std::nullopt;
+    }
+    GError* raw = nullptr;
+    Value result = finish(service_.get(), done.get(), &raw);
+    error.reset(raw);
+    return result;
+  }
+
+  // A lookup or a removal: begin(service, schema, attributes, ...) and its finish.
+  template <class Value>
+  std::optional<Value> CallForItem(std::string_view what,
+                                   void (*begin)(SecretService*, const SecretSchema*, GHashTable*, GCancellable*,
+                                                 GAsyncReadyCallback, gpointer),
+                                   Value (*finish)(SecretService*, GAsyncResult*, GError**),
+                                   const Attributes& attributes, GErrorPtr& error) {
+    return Call(what, finish, error, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+      begin(service_.get(), Schema(), attributes.get(), cancellable, callback, data);
+    });
+  }
+
   // Whether an item matching `attributes` exists but is locked. Caller holds the mutex.
   bool IsLocked(GHashTable* attributes) {
     auto done = context_->Run(timeout_, [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
@@ -237,43 +247,47 @@ bool SessionBusConfigured() {
   return g_file_test(socket.c_str(), G_FILE_TEST_EXISTS);
 }
 
+// One bounded step of the probe: start(cancellable, callback, data) begins the call and
+// finish(result, &error) takes its result. Null, with the reason, when it does not answer within
+// `timeout` (`late`) or finishes without an object (`failed`, and GLib's own message).
+template <class T, class Start, class Finish>
+GObjectPtr<T> ProbeStep(BoundedContext& context, milliseconds timeout, Start&& start, Finish&& finish,
+                        std::string_view late, std::string_view failed, std::string& reason) {
+  auto done = context.Run(timeout, std::forward<Start>(start));
+  if (!done) {
+    reason = late;
+    return nullptr;
+  }
+  GError* raw = nullptr;
+  GObjectPtr<T> object(finish(done.get(), &raw));
+  GErrorPtr error(raw);
+  if (!object) reason = std::string(failed) + (error ? ": " + Describe(error, "") : std::string());
+  return object;
+}
+
 // Connects to the session bus and opens a Secret Service session on it. Kept in a function of
 // its own: GIO's name-watching bookkeeping behind the service proxy is never freed, and the leak
 // checker's suppression names this function and nothing wider. Caller holds the context's mutex.
 GObjectPtr<SecretService> OpenSessionService(BoundedContext& context, milliseconds timeout, std::string& reason) {
-  auto bus = context.Run(timeout, [](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
-    g_bus_get(G_BUS_TYPE_SESSION, cancellable, callback, data);
-  });
-  if (!bus) {
-    reason = "the D-Bus session bus did not answer in time";
-    return nullptr;
-  }
-  GError* raw = nullptr;
-  GObjectPtr<GDBusConnection> connection(g_bus_get_finish(bus.get(), &raw));
-  GErrorPtr error(raw);
-  if (!connection) {
-    reason = "cannot connect to the D-Bus session bus: " + Describe(error, "unknown error");
-    return nullptr;
-  }
+  GObjectPtr<GDBusConnection> connection = ProbeStep<GDBusConnection>(
+      context, timeout,
+      [](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+        g_bus_get(G_BUS_TYPE_SESSION, cancellable, callback, data);
+      },
+      [](GAsyncResult* result, GError** error) { return g_bus_get_finish(result, error); },
+      "the D-Bus session bus did not answer in time", "cannot connect to the D-Bus session bus", reason);
+  if (!connection) return nullptr;
   // The shared session connection would otherwise end the whole process when the bus goes away;
   // losing the keyring must not take the host down.
   g_dbus_connection_set_exit_on_close(connection.get(), FALSE);
 
-  auto opened = context.Run(timeout, [](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
-    secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, cancellable, callback, data);
-  });
-  if (!opened) {
-    reason = "the Secret Service did not answer in time";
-    return nullptr;
-  }
-  raw = nullptr;
-  GObjectPtr<SecretService> service(secret_service_open_finish(opened.get(), &raw));
-  error.reset(raw);
-  if (!service) {
-    reason = "cannot open the Secret Service: " + Describe(error, "unknown error");
-    return nullptr;
-  }
-  return service;
+  return ProbeStep<SecretService>(
+      context, timeout,
+      [](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+        secret_service_open(SECRET_TYPE_SERVICE, nullptr, SECRET_SERVICE_OPEN_SESSION, cancellable, callback, data);
+      },
+      [](GAsyncResult* result, GError** error) { return secret_service_open_finish(result, error); },
+      "the Secret Service did not answer in time", "cannot open the Secret Service", reason);
 }
 
 // Opens the Secret Service and makes sure its default collection is there and unlocked; null
@@ -284,25 +298,17 @@ GObjectPtr<SecretService> Probe(BoundedContext& context, milliseconds timeout, m
   GObjectPtr<SecretService> service = OpenSessionService(context, timeout, reason);
   if (!service) return nullptr;
 
-  GError* raw = nullptr;
-  GErrorPtr error;
   SecretService* servicePtr = service.get();
-  auto found = context.Run(timeout, [servicePtr](GCancellable* cancellable, GAsyncReadyCallback callback,
-                                                 gpointer data) {
-    secret_collection_for_alias(servicePtr, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable, callback,
-                                data);
-  });
-  if (!found) {
-    reason = "the Secret Service did not name its default collection in time";
-    return nullptr;
-  }
-  raw = nullptr;
-  GObjectPtr<SecretCollection> collection(secret_collection_for_alias_finish(found.get(), &raw));
-  error.reset(raw);
-  if (!collection) {
-    reason = "the Secret Service has no default collection" + (error ? ": " + Describe(error, "") : std::string());
-    return nullptr;
-  }
+  GObjectPtr<SecretCollection> collection = ProbeStep<SecretCollection>(
+      context, timeout,
+      [servicePtr](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
+        secret_collection_for_alias(servicePtr, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, cancellable,
+                                    callback, data);
+      },
+      [](GAsyncResult* result, GError** error) { return secret_collection_for_alias_finish(result, error); },
+      "the Secret Service did not name its default collection in time",
+      "the Secret Service has no default collection", reason);
+  if (!collection) return nullptr;
   if (secret_collection_get_locked(collection.get())) {
     // Unlocking may show the user a password prompt, hence the longer wait.
     GList* objects = g_list_append(nullptr, collection.get());
@@ -315,9 +321,9 @@ GObjectPtr<SecretService> Probe(BoundedContext& context, milliseconds timeout, m
       reason = "the default collection stayed locked (no answer to the unlock request in time)";
       return nullptr;
     }
-    raw = nullptr;
+    GError* raw = nullptr;
     const gint count = secret_service_unlock_finish(servicePtr, unlocked.get(), nullptr, &raw);
-    error.reset(raw);
+    GErrorPtr error(raw);
     if (count < 1) {
       reason = "the default collection stayed locked" + (error ? ": " + Describe(error, "") : std::string());
       return nullptr;

@@ -8,25 +8,17 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "AtomicFile.h"
+#include "XdgBaseDirectory.h"
 #include "kelcore/Strings.h"
 
 namespace kelcore {
 namespace {
-
-std::filesystem::path XdgHome(const char* variable, const char* fallbackUnderHome) {
-  const char* value = std::getenv(variable);
-  // XDG: relative values are invalid and must be ignored.
-  if (value && *value && std::filesystem::path(value).is_absolute()) return value;
-  const char* home = std::getenv("HOME");
-  return std::filesystem::path(home && *home ? home : "/") / fallbackUnderHome;
-}
 
 // A desktop-entry string value: the general escapes of the format (\\ \n \t \r).
 std::string EscapeValue(std::string_view text) {
@@ -152,20 +144,11 @@ bool Update(std::filesystem::path path, const std::string& contents, mode_t mode
     if (::stat(path.c_str(), &info) == 0) mode = info.st_mode & 07777;
   }
   std::filesystem::create_directories(path.parent_path(), error);
-  return linux_detail::WriteFileAtomically(path, contents, mode);
+  std::string reason;
+  return linux_detail::WriteFileAtomically(path, contents, mode, reason);
 }
 
 }  // namespace
-
-bool UrlSchemeRegistration::IsValidScheme(std::string_view scheme) {
-  if (scheme.empty()) return false;
-  auto isAlpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-  if (!isAlpha(scheme.front())) return false;
-  for (char c : scheme) {
-    if (!isAlpha(c) && !(c >= '0' && c <= '9') && c != '+' && c != '-' && c != '.') return false;
-  }
-  return true;
-}
 
 std::string UrlSchemeRegistration::DesktopFileName(std::string_view scheme) {
   return ToLowerUTF8(scheme) + "-url-handler.desktop";
@@ -194,10 +177,10 @@ Result UrlSchemeRegistration::Register(const Handler& handler) {
                                    "MimeType=x-scheme-handler/" + scheme + ";\n"
                                    "NoDisplay=true\n"
                                    "Terminal=false\n";
-  const auto applications = XdgHome("XDG_DATA_HOME", ".local/share") / "applications";
+  const auto applications = linux_detail::XdgBaseDirectory("XDG_DATA_HOME", ".local/share") / "applications";
   if (!Update(applications / fileName, desktopEntry, 0644)) return kErrorFailed;
 
-  const auto mimeapps = XdgHome("XDG_CONFIG_HOME", ".config") / "mimeapps.list";
+  const auto mimeapps = linux_detail::XdgBaseDirectory("XDG_CONFIG_HOME", ".config") / "mimeapps.list";
   std::string contents;
   bool exists = false;
   if (!ReadFile(mimeapps, contents, exists)) return kErrorFailed;

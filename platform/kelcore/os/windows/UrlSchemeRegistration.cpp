@@ -50,16 +50,6 @@ std::wstring Wide(std::string_view utf8) {
 
 }  // namespace
 
-bool UrlSchemeRegistration::IsValidScheme(std::string_view scheme) {
-  if (scheme.empty()) return false;
-  auto isAlpha = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-  if (!isAlpha(scheme.front())) return false;
-  for (char c : scheme) {
-    if (!isAlpha(c) && !(c >= '0' && c <= '9') && c != '+' && c != '-' && c != '.') return false;
-  }
-  return true;
-}
-
 std::string UrlSchemeRegistration::DesktopFileName(std::string_view) { return {}; }
 
 std::filesystem::path UrlSchemeRegistration::GetMainModulePath() {

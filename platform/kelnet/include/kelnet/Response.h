@@ -43,7 +43,9 @@ struct Configuration {
   bool followRedirects = false;
   bool verifyPeer = true;  // TLS verification is never turned off: a request asking for it is refused
   bool acceptCompressed = true;  // ignored for requests that carry a Range (offsets are of the raw bytes)
-  std::string caBundlePath;  // extra CA bundle; empty: the debug-database "ostriolib.cabundle", if any
+  // An extra CA bundle (PEM) trusted besides the system store; empty: the system store only.
+  // Which bundle a product trusts is its own setting: it names it here (or through its service).
+  std::string caBundlePath;
   std::string proxy;         // empty: the environment's proxy settings
   std::string userAgent;     // empty: "ostriolib/<version>"
   std::chrono::milliseconds connectTimeout{15000};
@@ -55,6 +57,14 @@ struct Configuration {
   // requests want.
   bool allowHttp2 = true;
   std::size_t receiveBufferSize = 0;  // bytes; 0: the transport's default
+  // POST only: an answer body (decoded) longer than this fails the request with a null response
+  // and the reason in the log, before more of it is held. 64 MiB is some forty times the largest
+  // page of results the service sends. A streaming GET holds no body: its bytes go to the consumer.
+  std::size_t maxAnswerBodyBytes = 64 * 1024 * 1024;
+  // POST only: the whole exchange, connecting included, ends within this or fails with a null
+  // response; 0: no limit. A streaming GET has none: a download of any size may take its time, and
+  // the stall rule above (lowSpeed*) ends one that stops moving.
+  std::chrono::milliseconds deadline{120000};
 };
 
 class Response {

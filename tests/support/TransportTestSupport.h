@@ -147,6 +147,15 @@ class FakeScheduler : public IRetryScheduler {
     return true;
   }
   double Jitter() override { return jitter; }
+  // The wall clock moves with the steady one, from wherever the test sets it.
+  std::chrono::system_clock::time_point WallNow() override {
+    std::lock_guard lock(mutex);
+    return wallAtStart + (now - std::chrono::steady_clock::time_point{});
+  }
+  void SetWallNow(std::chrono::system_clock::time_point wall) {
+    std::lock_guard lock(mutex);
+    wallAtStart = wall - (now - std::chrono::steady_clock::time_point{});
+  }
 
   // Runs the earliest timer, moving the clock to its time; false when none is left.
   bool RunNext() {
@@ -167,6 +176,7 @@ class FakeScheduler : public IRetryScheduler {
   std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> timers;
   std::vector<std::chrono::milliseconds> delays;
   double jitter = 0.5;
+  std::chrono::system_clock::time_point wallAtStart{};
 };
 
 // Checks each chunk against the pattern at its offset and keeps only which ranges arrived, so

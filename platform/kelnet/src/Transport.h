@@ -1,0 +1,93 @@
+#pragma once
+// The network thread: one libcurl multi handle, driven by curl_multi_poll. Callers prepare an
+// easy handle on their own thread and hand it over through a locked queue; the network thread
+// adds it, drives every transfer and hands each finished one on. One thread keeps connection
+// reuse and HTTP/2 multiplexing in one place and means no lock is taken while curl works.
+//
+// No caller's code runs on the network thread: POST completions and timer tasks go to the
+// completion thread, streaming data and completions to the delivery thread.
+//
+// Threads: Submit, Cancel, Schedule and Shutdown run on any thread (mutex_ guards what they hand
+// over); Run is the network thread; active_ and everything in a Request once handed over are the
+// network thread's alone. The bytes of a streaming GET go to its consumer on the delivery thread
+// (DeliveryQueue): the consumer writes them to disk, and a slow disk must neither stall the other
+// transfers nor keep this transfer from receiving while the last chunk is written. The network
+// thread never waits for the delivery thread.
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "CaBundleCache.h"
+#include "CompletionThread.h"
+#include "DeliveryQueue.h"
+#include "Request.h"
+
+namespace kelnet {
+
+class Transport {
+ public:
+  static Transport& Instance();
+
+  bool Submit(const kelcore::utility::Guid& id, DataCallback onData, Completion completion,
+              const kelcore::ImmutableString& url,
+              std::shared_ptr<const kelcore::allocator::RecycledMemory> requestBody, const HeaderMap& headers,
+              const Configuration& configuration, bool streaming);
+  void Cancel(const kelcore::utility::Guid& id);
+  bool Schedule(std::chrono::milliseconds delay, std::function<void()> task);
+  void Shutdown();
+  bool IsShutDown();
+  bool IsNetworkThread() const { return std::this_thread::get_id() == threadId_.load(); }
+  bool IsDeliveryThread() const { return std::this_thread::get_id() == delivery_.ThreadId(); }
+  bool RunOnDeliveryThread(std::function<void()> task);
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  Transport();
+  bool StartThreadLocked();
+  void WakeLocked();
+  void WakeNetwork();
+  void Run();
+  void AttendStreams();
+  void RunTimerTasks(std::vector<std::function<void()>>& due);
+  void Finish(std::unique_ptr<Request> request, CURLcode code);
+  void CancelActive(const kelcore::utility::Guid& id);
+  static bool ShouldRetryUnanswered(Request& request, CURLcode code);
+  CURL* AcquireEasy();
+  void ReleaseEasy(CURL* easy);
+
+  std::mutex mutex_;
+  bool shutdown_ = false;
+  bool threadStarted_ = false;
+  bool threadExited_ = false;
+  bool wakePending_ = false;
+  CURLM* multi_ = nullptr;
+  std::thread thread_;
+  std::atomic<std::thread::id> threadId_{};
+  std::vector<std::unique_ptr<Request>> incoming_;
+  std::vector<kelcore::utility::Guid> cancels_;
+  std::multimap<Clock::time_point, std::function<void()>> timers_;
+
+  std::mutex joinMutex_;
+
+  std::mutex poolMutex_;
+  std::vector<CURL*> pool_;
+
+  CaBundleCache caBundles_;
+  DeliveryQueue delivery_{[this] { WakeNetwork(); }};
+  CompletionThread completions_;
+
+  // Network thread only.
+  std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
+};
+
+}  // namespace kelnet

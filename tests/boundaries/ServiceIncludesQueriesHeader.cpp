@@ -1,0 +1,1 @@
+#include "ostriolib/OstrioAssets.h"

@@ -1,0 +1,35 @@
+#pragma once
+// The URL opener double: records every URL and answers with a set result.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "kelcore/OSUtilsWrapper.h"
+
+class RecordingOSUtilsWrapper final : public kelcore::IOSUtilsWrapper {
+ public:
+  explicit RecordingOSUtilsWrapper(bool result = true) : result_(result) {}
+
+  bool OpenURL(const std::string& url) override {
+    std::lock_guard lock(mutex_);
+    urls_.push_back(url);
+    return result_;
+  }
+
+  std::vector<std::string> Urls() const {
+    std::lock_guard lock(mutex_);
+    return urls_;
+  }
+  void SetResult(bool result) {
+    std::lock_guard lock(mutex_);
+    result_ = result;
+  }
+
+  KEL_CLASS_REGISTRATION(RecordingOSUtilsWrapper, kelcore::IOSUtilsWrapper)
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::string> urls_;
+  bool result_;
+};
