@@ -6,12 +6,12 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 
 #include "ClientDoubles.h"
 #include "OstrioAuthEventObject.h"
 #include "OstrioClientObject.h"
+#include "ScratchFolders.h"
 #include "ScriptingDoubles.h"
 #include "kelcore/Executor.h"
 #include "kelcore/Messaging.h"
@@ -29,11 +29,9 @@ class ScriptObjectsTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     // The scheme registration writes below XDG_DATA_HOME and XDG_CONFIG_HOME.
-    std::string folder = (std::filesystem::temp_directory_path() / "ostrio-scripting-XXXXXX").string();
-    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-    scratch = folder;
-    ::setenv("XDG_DATA_HOME", (scratch / "data").c_str(), 1);
-    ::setenv("XDG_CONFIG_HOME", (scratch / "config").c_str(), 1);
+    scratch = std::make_unique<TemporaryDirectory>();
+    ::setenv("XDG_DATA_HOME", (scratch->Path() / "data").c_str(), 1);
+    ::setenv("XDG_CONFIG_HOME", (scratch->Path() / "config").c_str(), 1);
     ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1);
     // The client holds the auth manager it is initialised with.
     OstrioClientObject::SetupOstrioAuth();
@@ -41,10 +39,7 @@ class ScriptObjectsTest : public ::testing::Test {
                                                  kelcore::ImmutableString("ostrio-unit"), kEnvironmentDevelopment, {}),
               0);
   }
-  static void TearDownTestSuite() {
-    std::error_code ignored;
-    std::filesystem::remove_all(scratch, ignored);
-  }
+  static void TearDownTestSuite() { scratch.reset(); }
 
   void SetUp() override {
     kelscripting::InstallScriptEngine(engine);
@@ -61,7 +56,7 @@ class ScriptObjectsTest : public ::testing::Test {
     kelscripting::InstallScriptEngine(nullptr);
   }
 
-  static inline std::filesystem::path scratch;
+  static inline std::unique_ptr<TemporaryDirectory> scratch;
 
   std::shared_ptr<OstrioClientObject> NewObject() {
     return kelscripting::ObjectFactory::Make<OstrioClientObject>(
