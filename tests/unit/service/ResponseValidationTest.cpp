@@ -116,8 +116,9 @@ TEST_F(ServiceFixture, RefusedLoadsFailAtOnceAndSendNothing) {
            Start(OstrioAccountList::LoadAccountList(none)),
            Start(OstrioWorkspaceList::LoadWorkspaceList(service, Guid(), 0, noCursor)),
            Start(OstrioWorkspaceList::GetWorkspaceCount(none, Guid())),
-           Start(OstrioProjectList::LoadProjectList(service, Guid(), -1, noCursor)),
-           Start(OstrioAssets::LoadAssets(service, Guid(), 0, noCursor, -5, noCursor)),
+           Start(OstrioProjectList::LoadProjectList(service, Guid(), 0, noCursor)),
+           Start(OstrioAssets::LoadAssets(service, Guid(), 0, noCursor, 0, noCursor)),
+           Start(OstrioAssets::LoadAssets(service, Guid(), -1, noCursor, -5, noCursor)),
            Start(OstrioAssets::GetAssetCounts(none, Guid())),
        }) {
     ASSERT_TRUE(Settle(refused));
