@@ -152,7 +152,12 @@ TEST_F(DebugDatabaseTest, UnusableFilesArePassedOverWithAWarningAndNeverBlock) {
   EXPECT_TRUE(warnings.empty());
   setenv("OSTRIOLIB_DEBUG_DB", named.c_str(), 1);
 
-  Write(named, "kelcoretest.answer=huge\n" + std::string((1 << 20) + 1, '#'));
+  // Up to 1 MiB is read; a byte more and the file is passed over.
+  const std::string entry = "kelcoretest.answer=huge\n";
+  Write(named, entry + std::string((1 << 20) - entry.size(), '#'));
+  EXPECT_EQ(Get(), "huge");
+  EXPECT_TRUE(warnings.empty());
+  Write(named, entry + std::string((1 << 20) - entry.size() + 1, '#'));
   EXPECT_EQ(Get(), "config");
   EXPECT_TRUE(warnedAbout(named, "unreadable"));
 
