@@ -1,6 +1,6 @@
 // What each operation puts on the wire: body byte for byte, the endpoint and common headers per
-// environment, client ID and token, and where the token may go. Documents are compared with the emulator's list
-// of known texts, the list it also checks live requests against.
+// environment, client ID and token, and where the token may go. Documents are compared with the
+// emulator's list of known texts, the list it also checks live requests against.
 
 #include <gtest/gtest.h>
 
