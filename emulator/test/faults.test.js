@@ -102,11 +102,18 @@ describe('fault injection', { timeout: 60000 }, () => {
     assert.deepEqual((await emu.control('GET', '/faults')).json.faults, []);
   });
 
-  // How long a delayed or slowed answer takes is the transport suite's concern (no clock here);
-  // what a slowed answer must keep is every byte.
-  it('slows answers without losing a byte', async () => {
-    await arm({ route: 'media', bytesPerSecond: 200000 });
-    assert.ok((await synthetic(10000)).body.equals(expectedBytes(10000, 0)));
+  // Lower bounds only: the fault holds an answer back at least this long, never at most.
+  it('delays and slows answers', async () => {
+    await arm({ route: 'media', delayMs: 300 });
+    let t0 = Date.now();
+    assert.equal((await synthetic(10)).status, 200);
+    assert.ok(Date.now() - t0 >= 290, 'delayed');
+
+    await arm({ route: 'media', bytesPerSecond: 20000 });
+    t0 = Date.now();
+    const slow = await synthetic(10000);
+    assert.ok(Date.now() - t0 >= 400, `10 000 bytes at 20 000 B/s took ${Date.now() - t0} ms`);
+    assert.ok(slow.body.equals(expectedBytes(10000, 0)));
     assert.deepEqual((await emu.control('GET', '/faults')).json.faults, []);
   });
 
