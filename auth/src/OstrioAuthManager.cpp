@@ -462,6 +462,10 @@ int OstrioAuthManager::ProcessRedirectedCallbackUrl(const kelcore::U8Str& url) {
                                  {{"bytes", std::to_string(text.size())},
                                   {"bound", std::to_string(kMaxCallbackUrlBytes)}});
     result = kelcore::kErrorInvalidArgument;
+  } else if (kelcore::UTF16ToUTF8(kelcore::UTF8ToUTF16(text)) != text) {
+    // The store keeps text: a record that is not UTF-8 would come back other than it went in.
+    kelcore::logging::LogWarning(kTraceCategory, "Ignoring a sign-in callback URL that is not UTF-8");
+    result = kelcore::kErrorInvalidArgument;
   } else if (UpperCase(text).find(expected) == std::string::npos) {
     result = kelcore::kErrorInvalidArgument;
   } else if (const auto hash = text.find('#'); hash != std::string_view::npos) {
