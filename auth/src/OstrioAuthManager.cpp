@@ -525,6 +525,8 @@ Future<void> OstrioAuthManager::RefreshJwtAccessToken(const kelcore::U8Str& refr
 
     const ImmutableString refreshToken = response->LastHeader(kelnet::kHEADER_REFRESH_TOKEN.View());
     KEL_THROW_IF_IN(refreshToken.empty(), kelcore::kErrorRefreshRejected, "", kFunction);
+    KEL_THROW_IF_IN(!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View()),
+                    kelcore::kErrorRefreshRejected, "", kFunction);
 
     const ImmutableString decodedPayload = DecodeJwtPayload(accessToken);
     KEL_THROW_IF_IN(decodedPayload.empty(), kelcore::kErrorRefreshRejected, "", kFunction);
