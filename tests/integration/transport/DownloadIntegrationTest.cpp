@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "Sanitizers.h"
 #include "tests/integration/transport/EmulatorFixture.h"
 
 namespace {
@@ -16,18 +17,6 @@ using kelcore::ImmutableString;
 using kelcore::utility::Guid;
 using transport_test::Awaited;
 using transport_test::PatternSink;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
 
 // kB of the named /proc/self/status line ("VmHWM", "VmRSS").
 long StatusKiB(const std::string& name) {
