@@ -64,4 +64,6 @@ bool ParseCredentialRecord(std::string_view text, CredentialRecord& record) {
   return true;
 }
 
+bool CredentialRecordCanCarry(std::string_view value) { return value.find_first_of("&=") == std::string_view::npos; }
+
 }  // namespace ostriolib

@@ -26,6 +26,9 @@ struct CredentialRecord {
 };
 
 std::string WriteCredentialRecord(const CredentialRecord& record);
+// Values are written raw, so one holding "&" or "=" would not read back: such a token is refused
+// where it arrives (a refresh answer) rather than stored as a record that signs the user out.
+bool CredentialRecordCanCarry(std::string_view value);
 
 // Items split on runs of '&', each on runs of '='; an item that is not exactly key and value is
 // skipped, and of repeated keys the first counts. The token value loses its first nine characters

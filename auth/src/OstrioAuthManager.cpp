@@ -1,19 +1,14 @@
 #include "OstrioAuthManager.h"
 
-#include <execinfo.h>
-#include <signal.h>
-
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <limits>
-#include <locale>
 #include <map>
 #include <string>
 
+#include "AuthSupport.h"
 #include "JwtTokenData.h"
 #include "kelcore/Executor.h"
 #include "kelcore/KelException.h"
@@ -43,7 +38,6 @@ constexpr std::string_view kSchemeDisplayName = "URL: Ostrio Sign In Protocol";
 constexpr std::string_view kHeaderClient = "x-ostrio-client";
 constexpr std::string_view kHeaderPreview = "x-preview-environment";
 constexpr std::string_view kTraceCategory = "ostriolib";
-constexpr std::string_view kUrlSafeBytes = "-_.~0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
 // A callback URL is the scheme, the host and a credential record; anything longer is not one.
 constexpr std::size_t kMaxCallbackUrlBytes = kMaxCredentialRecordBytes + 1024;
@@ -78,83 +72,6 @@ const kelnet::HeaderMap& FixedRefreshHeaders() {
 }
 
 std::u16string ServiceName() { return std::u16string(OstrioAuthManager::kCredentialService); }
-
-std::string StackTrace(int maxEntries) {
-  void* frames[16];
-  const int count = ::backtrace(frames, std::min(maxEntries, 16));
-  std::string text;
-  char** symbols = ::backtrace_symbols(frames, count);
-  for (int i = 0; i < count; ++i) {
-    if (i) text += '\n';
-    text += symbols ? symbols[i] : "?";
-  }
-  std::free(symbols);
-  return text;
-}
-
-// A failed debug assertion: logged, and in debug builds a stop in the debugger if one is attached.
-void DoSimpleAssert(std::string_view condition, const char* function, int line) {
-  if (kelcore::logging::IsLoggingEnabled(kelcore::logging::Level::Error)) {
-    kelcore::logging::Record record;
-    record.level = kelcore::logging::Level::Error;
-    record.category = std::string(kTraceCategory);
-    record.message = "Assertion failed";
-    record.fields = {{"expression", std::string(condition)}};
-    record.sourcePath = kelcore::SourcePathWithoutExtension(__FILE__);
-    record.line = line;
-    record.function = function;
-    kelcore::logging::Log(std::move(record));
-  }
-#ifndef NDEBUG
-  std::ifstream status("/proc/self/status");
-  for (std::string entry; std::getline(status, entry);) {
-    if (entry.rfind("TracerPid:", 0) == 0) {
-      if (std::strtol(entry.c_str() + 10, nullptr, 10) != 0) ::raise(SIGTRAP);
-      break;
-    }
-  }
-#endif
-}
-
-std::string ResultText(Result code) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(code));
-  return text;
-}
-
-// Every byte outside kUrlSafeBytes as '%' and upper-case hex: two digits, or (`twoDigits` false)
-// without a leading zero, the form the sign-in page expects.
-std::string PercentEncode(std::string_view text, bool twoDigits) {
-  static const char* const kHex = "0123456789ABCDEF";
-  std::string out;
-  for (char c : text) {
-    if (kUrlSafeBytes.find(c) != std::string_view::npos) {
-      out += c;
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(c);
-    out += '%';
-    if (twoDigits || byte >= 0x10) out += kHex[byte >> 4];
-    out += kHex[byte & 0xF];
-  }
-  return out;
-}
-
-// Letter case as the host's locale sees it: the browser or the desktop may change the case of
-// the scheme and host, and the scheme is the host's own choice of name.
-std::string UpperCase(std::string_view text) {
-  const std::locale locale;
-  std::string out(text);
-  for (char& c : out) c = std::toupper(c, locale);
-  return out;
-}
-
-// Optional '-', then digits up to the first non-digit; no digit or overflow gives 0.
-std::int64_t ParseSeconds(std::string_view text) {
-  std::int64_t value = 0;
-  const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
-  return parsed.ec == std::errc() ? value : 0;
-}
 
 }  // namespace
 
@@ -331,7 +248,7 @@ bool OstrioAuthManager::InvalidateCredentials() {
   if (keychain->GetPassword(ServiceName(), account, true).empty()) return false;
   const bool passwordRemoved = keychain->RemovePassword(ServiceName(), account, true);
   if (!passwordRemoved) {
-    DoSimpleAssert("passwordRemoved", "ostriolib::OstrioAuthManager::InvalidateCredentials", __LINE__);
+    DoSimpleAssert("passwordRemoved", "ostriolib::OstrioAuthManager::InvalidateCredentials", __FILE__, __LINE__);
     return false;
   }
   return true;
@@ -461,6 +378,10 @@ int OstrioAuthManager::ProcessRedirectedCallbackUrl(const kelcore::U8Str& url) {
     kelcore::logging::LogWarning(kTraceCategory, "Ignoring a sign-in callback URL longer than the bound",
                                  {{"bytes", std::to_string(text.size())},
                                   {"bound", std::to_string(kMaxCallbackUrlBytes)}});
+    result = kelcore::kErrorInvalidArgument;
+  } else if (kelcore::UTF16ToUTF8(kelcore::UTF8ToUTF16(text)) != text) {
+    // The store keeps text: a record that is not UTF-8 would come back other than it went in.
+    kelcore::logging::LogWarning(kTraceCategory, "Ignoring a sign-in callback URL that is not UTF-8");
     result = kelcore::kErrorInvalidArgument;
   } else if (UpperCase(text).find(expected) == std::string::npos) {
     result = kelcore::kErrorInvalidArgument;
@@ -604,6 +525,8 @@ Future<void> OstrioAuthManager::RefreshJwtAccessToken(const kelcore::U8Str& refr
 
     const ImmutableString refreshToken = response->LastHeader(kelnet::kHEADER_REFRESH_TOKEN.View());
     KEL_THROW_IF_IN(refreshToken.empty(), kelcore::kErrorRefreshRejected, "", kFunction);
+    KEL_THROW_IF_IN(!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View()),
+                    kelcore::kErrorRefreshRejected, "", kFunction);
 
     const ImmutableString decodedPayload = DecodeJwtPayload(accessToken);
     KEL_THROW_IF_IN(decodedPayload.empty(), kelcore::kErrorRefreshRejected, "", kFunction);

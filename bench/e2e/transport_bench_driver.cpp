@@ -4,8 +4,15 @@
 //
 //   transport_bench_driver post <url> <requests> <concurrency> <body> <authorization>
 //   transport_bench_driver download <url> <segments> <output file, or "-" for none>
+//   transport_bench_driver measure <stdout file> <command> [args...]
+//
+// measure runs any command (our own driver or a reference tool) as a child with its output in a
+// file and prints the CPU time the whole child used (user + system, from wait4's rusage, in
+// microseconds) and its peak RSS: both sides are measured by the same code, startup included.
 
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -148,15 +155,40 @@ int Download(const std::string& url, int segments, const std::string& output) {
   return ok ? 0 : 1;
 }
 
+int Measure(const char* output, char** command) {
+  const auto start = Clock::now();
+  const pid_t child = ::fork();
+  if (child < 0) return 2;
+  if (child == 0) {
+    const int fd = ::open(output, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0 || ::dup2(fd, STDOUT_FILENO) < 0) ::_exit(126);
+    ::close(fd);
+    ::execvp(command[0], command);
+    ::_exit(127);
+  }
+  int status = 0;
+  rusage usage{};
+  if (::wait4(child, &status, 0, &usage) != child) return 2;
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  const long long cpu = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000LL + usage.ru_utime.tv_usec +
+                        usage.ru_stime.tv_usec;
+  std::printf("cpu_us=%lld user_us=%lld wall_s=%.3f maxrss_kib=%ld exit=%d\n", cpu,
+              usage.ru_utime.tv_sec * 1000000LL + usage.ru_utime.tv_usec, seconds, usage.ru_maxrss,
+              WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status));
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   if (mode == "post" && argc == 7) return Post(argv[2], std::atol(argv[3]), std::atoi(argv[4]), argv[5], argv[6]);
   if (mode == "download" && argc == 5) return Download(argv[2], std::atoi(argv[3]), argv[4]);
+  if (mode == "measure" && argc >= 4) return Measure(argv[2], argv + 3);
   std::fprintf(stderr,
                "usage: %s post <url> <requests> <concurrency> <body> <authorization>\n"
-               "       %s download <url> <segments> <output|->\n",
-               argv[0], argv[0]);
+               "       %s download <url> <segments> <output|->\n"
+               "       %s measure <stdout file> <command> [args...]\n",
+               argv[0], argv[0], argv[0]);
   return 64;
 }

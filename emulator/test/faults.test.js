@@ -102,6 +102,7 @@ describe('fault injection', { timeout: 60000 }, () => {
     assert.deepEqual((await emu.control('GET', '/faults')).json.faults, []);
   });
 
+  // Lower bounds only: the fault holds an answer back at least this long, never at most.
   it('delays and slows answers', async () => {
     await arm({ route: 'media', delayMs: 300 });
     let t0 = Date.now();

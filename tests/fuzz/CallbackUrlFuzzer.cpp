@@ -9,6 +9,7 @@
 #include "CredentialRecord.h"
 #include "FuzzCheck.h"
 #include "OstrioAuthManager.h"
+#include "RecordingOSUtilsWrapper.h"
 #include "kelcore/KeychainUtils.h"
 #include "kelcore/OSUtilsWrapper.h"
 #include "kelcore/ResultCodes.h"
@@ -18,7 +19,7 @@ using ostriolib::OstrioAuthManager;
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view url(reinterpret_cast<const char*>(data), size);
   auto keychain = kelcore::KeychainUtils::CreateMemoryKeychain();
-  auto opener = std::make_shared<kelcore::RecordingOSUtilsWrapper>();
+  auto opener = std::make_shared<RecordingOSUtilsWrapper>();
   auto manager = kelcore::classref::AllocateClassInstance<OstrioAuthManager>(
       keychain, kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper>(opener));
   // A scheme in mixed case: the desktop may hand it back in any case.

@@ -15,33 +15,14 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "kelcore/Dictionary.h"
+
 extern char** environ;
 
 namespace {
 
 constexpr auto kStartTimeout = std::chrono::seconds(60);
 constexpr auto kStopTimeout = std::chrono::seconds(10);
-
-// Reads a string or number member of a flat JSON object: enough for the emulator's first line.
-std::string JsonMember(const std::string& json, const std::string& key) {
-  const std::string quoted = "\"" + key + "\"";
-  auto at = json.find(quoted);
-  if (at == std::string::npos) return {};
-  at = json.find(':', at + quoted.size());
-  if (at == std::string::npos) return {};
-  ++at;
-  while (at < json.size() && json[at] == ' ') ++at;
-  if (at < json.size() && json[at] == '"') {
-    std::string out;
-    for (++at; at < json.size() && json[at] != '"'; ++at) {
-      if (json[at] == '\\' && at + 1 < json.size()) ++at;
-      out.push_back(json[at]);
-    }
-    return out;
-  }
-  const auto end = json.find_first_of(",}", at);
-  return json.substr(at, end - at);
-}
 
 size_t Collect(char* data, size_t size, size_t count, void* user) {
   static_cast<std::string*>(user)->append(data, size * count);
@@ -116,11 +97,12 @@ std::unique_ptr<EmulatorProcess> EmulatorProcess::Start(std::vector<std::string>
     ::close(fd);
   });
 
-  emulator->port_ = std::atoi(JsonMember(line, "port").c_str());
-  emulator->suffix_ = JsonMember(line, "suffix");
-  emulator->caPath_ = JsonMember(line, "ca");
-  emulator->controlUrl_ = JsonMember(line, "control");
-  if (emulator->port_ <= 0 || emulator->suffix_.empty() || emulator->caPath_.empty()) {
+  const auto first = kelcore::utility::JSONParseToDictionaryValue(line.data(), line.size());
+  const auto announced = first ? first->AsDictionary() : kelcore::utility::Dictionary();
+  emulator->suffix_ = announced.GetString("suffix");
+  emulator->caPath_ = announced.GetString("ca");
+  emulator->controlUrl_ = announced.GetString("control");
+  if (announced.GetInteger("port") <= 0 || emulator->suffix_.empty() || emulator->caPath_.empty()) {
     std::fprintf(stderr, "EmulatorProcess: unexpected first line: %s\n", line.c_str());
     return nullptr;
   }

@@ -23,10 +23,8 @@ class EmulatorProcess {
   EmulatorProcess(const EmulatorProcess&) = delete;
   EmulatorProcess& operator=(const EmulatorProcess&) = delete;
 
-  int Port() const { return port_; }
   const std::string& Suffix() const { return suffix_; }        // ".ostrio.localhost:PORT"
   const std::string& CaPath() const { return caPath_; }
-  const std::string& ControlUrl() const { return controlUrl_; }  // "https://api<suffix>/_emulator"
   std::string ApiUrl(std::string_view path) const;                // "https://api<suffix><path>"
 
   // path is relative to the control URL ("requests", "/faults"). The body of a 2xx answer;
@@ -40,7 +38,6 @@ class EmulatorProcess {
   std::string Control(const char* method, std::string_view path, std::string_view json);
 
   pid_t pid_ = -1;
-  int port_ = 0;
   std::string suffix_;
   std::string caPath_;
   std::string controlUrl_;

@@ -23,6 +23,16 @@ bool CompletionThread::Post(std::function<void()> task) {
   return true;
 }
 
+bool CompletionThread::PostAll(std::vector<std::function<void()>>& tasks) {
+  {
+    std::lock_guard lock(mutex_);
+    if (ended_) return false;
+    for (auto& task : tasks) tasks_.push_back(std::move(task));
+  }
+  ready_.notify_one();
+  return true;
+}
+
 void CompletionThread::Stop() {
   {
     std::lock_guard lock(mutex_);

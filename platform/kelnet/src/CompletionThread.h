@@ -13,6 +13,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace kelnet {
 
@@ -21,6 +22,8 @@ class CompletionThread {
   void Start();
   // False once the thread has ended (the task is not run; the caller runs it itself).
   bool Post(std::function<void()> task);
+  // The same for several tasks, in order, in one hand-off; they are moved from only when taken.
+  bool PostAll(std::vector<std::function<void()>>& tasks);
   // Runs what is queued, and what that posts, then ends.
   void Stop();
   void Join();

@@ -51,6 +51,10 @@ void DeliveryQueue::Track(const std::shared_ptr<Stream>& stream) {
   live_.push_back(stream);
 }
 
+std::size_t DeliveryQueue::HighWaterLocked() const {
+  return std::clamp(kTotalHighWater / std::max<std::size_t>(1, live_.size()), kChunkBytes, kHighWater);
+}
+
 void DeliveryQueue::DropChunksLocked(Stream& stream) {
   for (auto& chunk : stream.chunks) RecycleLocked(chunk);
   stream.chunks.clear();
@@ -107,7 +111,7 @@ DeliveryQueue::Taken DeliveryQueue::Enqueue(const std::shared_ptr<Stream>& strea
       notify = s.queued >= kChunkBytes;
       wakeLater_ = !notify;
     }
-    if (s.queued >= kHighWater && !s.paused && mayPause) {
+    if (s.queued >= HighWaterLocked() && !s.paused && mayPause) {
       s.paused = true;
       s.resumeAsked = false;
       full = true;
@@ -215,7 +219,7 @@ void DeliveryQueue::Run() {
       s.chunks.pop_front();
       s.queued -= chunk.size;
       bool wake = false;
-      if (s.paused && !s.resumeAsked && s.queued <= kLowWater) {
+      if (s.paused && !s.resumeAsked && s.queued <= HighWaterLocked() / 4) {
         s.resumeAsked = true;
         attention_.push_back(stream);
         wake = true;

@@ -162,7 +162,10 @@ void Transport::WakeLocked() {
   // multi_ is cleared without the lock once the thread has exited: look at it only before.
   if (wakePending_ || threadExited_ || !multi_) return;
   wakePending_ = true;
-  curl_multi_wakeup(multi_);
+  // The loop reads wakePending_ under this lock before it sleeps, so a busy loop needs no more.
+  // curl's wake-up (a write to its socket pair, and two reads to drain it) is for a loop that
+  // sleeps, or has decided to (10 000 POSTs, 16 in flight: 77k system calls instead of 89k).
+  if (polling_) curl_multi_wakeup(multi_);
 }
 
 void Transport::WakeNetwork() {
@@ -278,9 +281,19 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
   const Guid id = request->id;
   request.reset();
   if (!completion) return;
-  auto run = [id, completion = std::move(completion), response = std::move(response)] { completion(id, response); };
+  finished_.push_back([id, completion = std::move(completion), response = std::move(response)] {
+    completion(id, response);
+  });
+}
+
+// The completions of one turn of the loop go over in one hand-off (one lock, at most one wake-up).
+void Transport::HandOverCompletions() {
+  if (finished_.empty()) return;
   // The completion thread ends after this thread, so this only fails if it could not start.
-  if (!completions_.Post(run)) run();
+  if (!completions_.PostAll(finished_)) {
+    for (auto& run : finished_) run();
+  }
+  finished_.clear();
 }
 
 void Transport::Run() {
@@ -292,6 +305,7 @@ void Transport::Run() {
     {
       std::lock_guard lock(mutex_);
       wakePending_ = false;
+      polling_ = false;
       incoming.swap(incoming_);
       cancels.swap(cancels_);
       stopping = shutdown_;
@@ -315,6 +329,7 @@ void Transport::Run() {
         node.mapped()->cancelled = true;
         Finish(std::move(node.mapped()), CURLE_ABORTED_BY_CALLBACK);
       }
+      HandOverCompletions();
       RunTimerTasks(due);
       std::lock_guard lock(mutex_);
       if (incoming_.empty() && timers_.empty() && active_.empty()) {
@@ -335,6 +350,7 @@ void Transport::Run() {
     }
     for (const Guid& id : cancels) CancelActive(id);
     AttendStreams();
+    HandOverCompletions();
     RunTimerTasks(due);
 
     int running = 0;
@@ -363,6 +379,7 @@ void Transport::Run() {
       }
     }
 
+    HandOverCompletions();
     delivery_.Flush();
     long timeout = kMaxPollMilliseconds;
     {
@@ -373,6 +390,7 @@ void Transport::Run() {
         const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(timers_.begin()->first - Clock::now());
         timeout = std::clamp<long>(static_cast<long>(wait.count()) + 1, 0, kMaxPollMilliseconds);
       }
+      polling_ = timeout > 0;
     }
     if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, static_cast<int>(timeout), nullptr);
   }

@@ -60,6 +60,7 @@ class Transport {
   void AttendStreams();
   void RunTimerTasks(std::vector<std::function<void()>>& due);
   void Finish(std::unique_ptr<Request> request, CURLcode code);
+  void HandOverCompletions();
   void CancelActive(const kelcore::utility::Guid& id);
   static bool ShouldRetryUnanswered(Request& request, CURLcode code);
   CURL* AcquireEasy();
@@ -70,6 +71,7 @@ class Transport {
   bool threadStarted_ = false;
   bool threadExited_ = false;
   bool wakePending_ = false;
+  bool polling_ = false;  // the loop sleeps in curl_multi_poll, or is about to
   CURLM* multi_ = nullptr;
   std::thread thread_;
   std::atomic<std::thread::id> threadId_{};
@@ -88,6 +90,7 @@ class Transport {
 
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
+  std::vector<std::function<void()>> finished_;  // POST completions not yet handed over
 };
 
 }  // namespace kelnet

@@ -145,6 +145,8 @@ TEST_F(SignInTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
       // Beyond the bound: not looked into, nothing stored.
       {"ostrio-test://ostrio#" + fragment + "&pad=" + std::string(65 * 1024, 'x'), kelcore::kErrorInvalidArgument,
        "old"},
+      // Not UTF-8: the store could not give it back as it came.
+      {"ostrio-test://ostrio#" + fragment + "\xA4", kelcore::kErrorInvalidArgument, "old"},
   };
   for (const auto& c : cases) {
     Reset();

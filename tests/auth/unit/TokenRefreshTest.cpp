@@ -180,6 +180,11 @@ INSTANTIATE_TEST_SUITE_P(
                        kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()", true},
         RefreshFailure{"NoRefreshToken", [] { return RefreshAnswer(200, "Bearer " + kGoodJwt, std::nullopt); },
                        kelcore::kErrorRefreshRejected, "refreshToken.empty()", true},
+        // Base64 padding in a refresh token: stored raw, it would make the record unreadable.
+        RefreshFailure{"RefreshTokenTheRecordCannotCarry", [] { return RefreshAnswer(200, "Bearer " + kGoodJwt, "rt=="); },
+                       kelcore::kErrorRefreshRejected,
+                       "!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View())",
+                       true},
         RefreshFailure{"OneDotJwt", [] { return RefreshAnswer(200, "Bearer abc.def", "rt-2"); },
                        kelcore::kErrorRefreshRejected, "decodedPayload.empty()", true},
         RefreshFailure{"MissingNbf",

@@ -5,6 +5,7 @@
 
 #include <fstream>
 
+#include "Sanitizers.h"
 #include "tests/integration/transport/EmulatorFixture.h"
 
 namespace {
@@ -16,18 +17,6 @@ using kelcore::ImmutableString;
 using kelcore::utility::Guid;
 using transport_test::Awaited;
 using transport_test::PatternSink;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool kSanitized = true;
-#else
-constexpr bool kSanitized = false;
-#endif
-#else
-constexpr bool kSanitized = false;
-#endif
 
 // kB of the named /proc/self/status line ("VmHWM", "VmRSS").
 long StatusKiB(const std::string& name) {
@@ -77,9 +66,10 @@ TEST_F(DownloadIntegrationTest, TwoGigabytesVerifiedWithFlatMemory) {
   EXPECT_EQ(response->StatusCode(), 200);
   EXPECT_TRUE(sink.Complete(size));
   EXPECT_EQ(lastProgress.totalBytes, size);
-  // Sanitizers keep freed memory in quarantine, so only a plain build can be held to the ceiling.
+  // Sanitizers keep freed memory in quarantine, so only a plain build can be held to the ceiling:
+  // 8 MiB of queues shared by the segments, spare chunks and curl's buffers (8-10 MiB measured).
   if (!kSanitized) {
-    EXPECT_LT(peak - before, 64 * 1024) << "peak RSS grew by " << (peak - before) / 1024 << " MiB";
+    EXPECT_LT(peak - before, 20 * 1024) << "peak RSS grew by " << (peak - before) / 1024 << " MiB";
   }
   // More than one range went out at once, each guarded against a change of the resource.
   int ranged = 0;

@@ -98,17 +98,7 @@ TEST_F(LibraryConfiguration, MissingRedirectURIFailsInitialisation) {
               ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(LibraryConfiguration, ClientIdThrowsBeforeInitialisation) {
-  try {
-    GetOstrioClientID();
-    FAIL() << "expected the client ID to be unset";
-  } catch (const kelcore::kel_exception& e) {
-    EXPECT_EQ(e.GetResult(), kelcore::kErrorOperationFailed);
-    EXPECT_EQ(e.Message(), "Ostrio client ID not set");
-  }
-}
-
-TEST_F(LibraryConfiguration, EnvironmentAndDomainSelection) {
+TEST_F(LibraryConfiguration, EnvironmentDomainAndPreviewComeFromTheDebugDatabase) {
   struct Case {
     const char* value;
     int environment;
@@ -133,14 +123,10 @@ TEST_F(LibraryConfiguration, EnvironmentAndDomainSelection) {
   EXPECT_EQ(GetDomainSuffix(ostriolib::kEnvironmentDevelopment), std::string_view(".ostrio.localhost:9443"));
   unsetenv("OSTRIOLIB_DOMAIN_DEVELOPMENT");
   EXPECT_EQ(ostriolib::kDevDomain, std::string_view(".ostrio.localhost:8443"));
-}
 
-TEST_F(LibraryConfiguration, PreviewValueDefaultsToEmptyAndIsReadAfresh) {
   EXPECT_TRUE(GetDevPreviewHeaderValue().empty());
   setenv("OSTRIOLIB_PREVIEW", "pr-1234", 1);
   EXPECT_EQ(GetDevPreviewHeaderValue(), std::string_view("pr-1234"));
-  unsetenv("OSTRIOLIB_PREVIEW");
-  EXPECT_TRUE(GetDevPreviewHeaderValue().empty());
 }
 
 }  // namespace

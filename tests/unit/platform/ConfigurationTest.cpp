@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +17,7 @@
 #include "kelcore/Configuration.h"
 #include "kelcore/KelException.h"
 #include "kelcore/Logging.h"
+#include "ScratchFolders.h"
 
 namespace {
 
@@ -29,50 +29,24 @@ namespace fs = std::filesystem;
 constexpr const char* kKey = "kelcoretest.answer";
 constexpr const char* kVariable = "KELCORETEST_ANSWER";
 
-// Puts a variable back as it was, so tests sharing this process see the environment they expect.
-class SavedVariable {
- public:
-  explicit SavedVariable(const char* name) : name_(name) {
-    if (const char* value = std::getenv(name)) value_ = value;
-  }
-  ~SavedVariable() {
-    if (value_) {
-      setenv(name_, value_->c_str(), 1);
-    } else {
-      unsetenv(name_);
-    }
-  }
-
- private:
-  const char* name_;
-  std::optional<std::string> value_;
-};
-
 class DebugDatabaseTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_ = fs::path(::testing::TempDir()) / ("kelcore-debugdb-" + std::to_string(::getpid()));
     fs::create_directories(root_ / "xdg" / "ostriolib");
     fs::create_directories(root_ / "home" / ".config" / "ostriolib");
-    setenv("XDG_CONFIG_HOME", (root_ / "xdg").c_str(), 1);
-    setenv("HOME", (root_ / "home").c_str(), 1);
-    setenv("OSTRIOLIB_DEBUG_DB", (root_ / "db.conf").c_str(), 1);
-    unsetenv(kVariable);
-  }
-  void TearDown() override {
-    unsetenv(kVariable);
-    std::error_code ignored;
-    fs::remove_all(root_, ignored);
   }
   static void Write(const fs::path& file, const std::string& text) { std::ofstream(file, std::ios::binary) << text; }
   static std::string Get(std::string_view fallback = "fallback") {
     return DebugDatabase::Instance().GetEntry(kKey, fallback).ToStdString();
   }
 
-  SavedVariable home_{"HOME"};
-  SavedVariable configHome_{"XDG_CONFIG_HOME"};
-  SavedVariable debugDatabase_{"OSTRIOLIB_DEBUG_DB"};
-  fs::path root_;
+  TemporaryDirectory scratch_;
+  const fs::path root_ = scratch_.Path();
+  // Put back as they were, so tests sharing this process see the environment they expect.
+  ScopedEnvironment environment_{{"XDG_CONFIG_HOME", (root_ / "xdg").string()},
+                                 {"HOME", (root_ / "home").string()},
+                                 {"OSTRIOLIB_DEBUG_DB", (root_ / "db.conf").string()},
+                                 {kVariable, std::nullopt}};
 };
 
 TEST_F(DebugDatabaseTest, EnvironmentThenNamedFileThenConfigFileThenFallback) {
@@ -152,7 +126,12 @@ TEST_F(DebugDatabaseTest, UnusableFilesArePassedOverWithAWarningAndNeverBlock) {
   EXPECT_TRUE(warnings.empty());
   setenv("OSTRIOLIB_DEBUG_DB", named.c_str(), 1);
 
-  Write(named, "kelcoretest.answer=huge\n" + std::string((1 << 20) + 1, '#'));
+  // Up to 1 MiB is read; a byte more and the file is passed over.
+  const std::string entry = "kelcoretest.answer=huge\n";
+  Write(named, entry + std::string((1 << 20) - entry.size(), '#'));
+  EXPECT_EQ(Get(), "huge");
+  EXPECT_TRUE(warnings.empty());
+  Write(named, entry + std::string((1 << 20) - entry.size() + 1, '#'));
   EXPECT_EQ(Get(), "config");
   EXPECT_TRUE(warnedAbout(named, "unreadable"));
 

@@ -5,14 +5,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "kelcore/Executor.h"
 #include "kelcore/Future.h"
 #include "kelcore/KelException.h"
 
@@ -25,45 +23,13 @@ using namespace std::chrono_literals;
 constexpr auto kGenerous = 60s;
 
 // An executor with one thread of its own, so tests can tell where a continuation ran.
-class ThreadExecutor final : public IExecutor {
- public:
-  ThreadExecutor() : worker_([this] { Run(); }) {}
-  ~ThreadExecutor() override {
-    {
-      std::lock_guard lock(mutex_);
-      stop_ = true;
-    }
-    wake_.notify_all();
-    worker_.join();
+struct ThreadExecutor {
+  std::shared_ptr<MainThreadRunLoop> loop = std::make_shared<MainThreadRunLoop>();
+  std::thread worker{[loop = loop] { loop->RunUntil(nullptr); }};
+  ~ThreadExecutor() {
+    loop->Stop();
+    worker.join();
   }
-  void Post(Task task) override {
-    {
-      std::lock_guard lock(mutex_);
-      queue_.push_back(std::move(task));
-    }
-    wake_.notify_one();
-  }
-  std::thread::id Id() const { return worker_.get_id(); }
-
- private:
-  void Run() {
-    std::unique_lock lock(mutex_);
-    for (;;) {
-      wake_.wait(lock, [&] { return stop_ || !queue_.empty(); });
-      if (queue_.empty()) return;
-      Task task = std::move(queue_.front());
-      queue_.pop_front();
-      lock.unlock();
-      task();
-      task = Task();
-      lock.lock();
-    }
-  }
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Task> queue_;
-  bool stop_ = false;
-  std::thread worker_;
 };
 
 // Drops every task, as a shut-down executor does.
@@ -172,7 +138,7 @@ TEST(Future, FutureReturningContinuationsAreFollowed) {
     return inner.GetFuture().ThenOnSuccess([v](int w) { return v + w; });
   });
   EXPECT_FALSE(outer.WaitFor(0ms));
-  other.Post([&] { inner.SetValue(22); });
+  other.loop->Post([&] { inner.SetValue(22); });
   ExpectCompletes(outer);
   EXPECT_EQ(outer.Get(), 42);
 
@@ -239,19 +205,18 @@ TEST(Future, CompletionIsOneShotUnderContention) {
 
 TEST(Future, ContinuationsRunOnTheNamedExecutor) {
   ThreadExecutor named;
-  auto namedRef = std::shared_ptr<IExecutor>(&named, [](IExecutor*) {});
   std::thread::id first, second, onDefault;
   const auto caller = std::this_thread::get_id();
 
   Promise<int> promise;
   auto chain = promise.GetFuture()
-                   .ThenOnSuccess([&](int v) { first = std::this_thread::get_id(); return v; }, namedRef)
+                   .ThenOnSuccess([&](int v) { first = std::this_thread::get_id(); return v; }, named.loop)
                    // No executor named: the chain keeps the one named before.
                    .ThenOnSuccess([&](int v) { second = std::this_thread::get_id(); return v; });
   promise.SetValue(1);
   ExpectCompletes(chain);
-  EXPECT_EQ(first, named.Id());
-  EXPECT_EQ(second, named.Id());
+  EXPECT_EQ(first, named.worker.get_id());
+  EXPECT_EQ(second, named.worker.get_id());
 
   // The default executor never runs a continuation on the caller's stack, even when the
   // future is already complete.

@@ -34,9 +34,6 @@ TEST(Guid, CreateUniqueGivesDistinctVersion4Guids) {
     const Guid guid = Guid::CreateUnique();
     EXPECT_EQ(guid.Bytes()[6] >> 4, 4);
     EXPECT_EQ(guid.Bytes()[8] & 0xC0, 0x80);
-    const std::string text = guid.ToString();
-    EXPECT_EQ(text[14], '4');
-    EXPECT_NE(std::string("89ab").find(text[19]), std::string::npos);
     EXPECT_TRUE(seen.insert(guid).second);
   }
 }

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ScriptedOstrioService.h"
+#include "FakeService.h"
 #include "ServiceFixture.h"
 #include "ostriolib/OstrioAccountList.h"
 #include "ostriolib/OstrioAssets.h"
@@ -61,7 +61,7 @@ TEST_F(ServiceFixture, AnswersAreJudgedByStatusContentTypeAndGraphQLErrors) {
 TEST_F(ServiceFixture, FailuresNameTheirPlaceAndExpression) {
   struct Case {
     std::function<Started(const InterfaceRef<IOstrioService>&)> start;
-    const char* body;  // null: the scripted service answers with no response at all
+    const char* body;  // null: the service double answers with no response at all
     kelcore::Result result;
     const char* path;
     int line;  // 0: not pinned
@@ -85,7 +85,8 @@ TEST_F(ServiceFixture, FailuresNameTheirPlaceAndExpression) {
        "queries/src/OstrioAssets", 0, "ostriolib::OstrioAssets::GetAssetCounts::<lambda_1>::operator ()",
        "data.empty()"},
   };
-  auto scripted = kelcore::classref::AllocateClassInstance<ScriptedOstrioService>();
+  auto scripted = kelcore::classref::AllocateClassInstance<FakeService>();
+  scripted->answerNothing = true;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.function);
     auto started = c.start(c.body ? service : InterfaceRef<IOstrioService>(scripted));
@@ -115,8 +116,9 @@ TEST_F(ServiceFixture, RefusedLoadsFailAtOnceAndSendNothing) {
            Start(OstrioAccountList::LoadAccountList(none)),
            Start(OstrioWorkspaceList::LoadWorkspaceList(service, Guid(), 0, noCursor)),
            Start(OstrioWorkspaceList::GetWorkspaceCount(none, Guid())),
-           Start(OstrioProjectList::LoadProjectList(service, Guid(), -1, noCursor)),
-           Start(OstrioAssets::LoadAssets(service, Guid(), 0, noCursor, -5, noCursor)),
+           Start(OstrioProjectList::LoadProjectList(service, Guid(), 0, noCursor)),
+           Start(OstrioAssets::LoadAssets(service, Guid(), 0, noCursor, 0, noCursor)),
+           Start(OstrioAssets::LoadAssets(service, Guid(), -1, noCursor, -5, noCursor)),
            Start(OstrioAssets::GetAssetCounts(none, Guid())),
        }) {
     ASSERT_TRUE(Settle(refused));

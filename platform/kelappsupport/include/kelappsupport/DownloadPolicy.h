@@ -21,7 +21,7 @@ struct DownloadPolicy {
   int maxResumes = 5;
   // Every range request of a download, the probe included, gets a connection of its own
   // (HTTP/1.1) rather than a stream of a shared HTTP/2 connection: ranges then really run in
-  // parallel, and a range paused for a slow consumer holds its queue (4 MiB) and the socket's
+  // parallel, and a range paused for a slow consumer holds its queue (at most 4 MiB) and the socket's
   // buffer, where a paused HTTP/2 stream keeps receiving up to its window (see decision 012).
   bool separateConnections = true;
 };
