@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -18,6 +19,7 @@
 #include "kelnet/URL.h"
 #include "LibraryConfiguration.h"
 #include "PlatformSettings.h"
+#include "RefreshLock.h"
 
 namespace ostriolib {
 
@@ -450,6 +452,40 @@ Future<ImmutableString> OstrioAuthManager::GetOstrioAccessToken(bool forceRefres
   const ImmutableString token = GetAccessToken();
   if (token.empty()) return MakeFailedFuture<ImmutableString>(kelcore::kErrorNotSignedIn);
   if (IsAccessTokenValid() && !forceRefresh) return MakeReadyFuture(token);
+
+  // Other processes of this user (a second host, a script running the CLI) refresh the same stored
+  // token, and the service rotates refresh tokens: only the holder of the per-user lock refreshes.
+  // The lock is usually free and taken at once; when another process holds it, it is waited for
+  // off the caller's thread.
+  const std::filesystem::path folder = PlatformSettings::StateDirectory();
+  bool busy = false;
+  auto lock = RefreshLock::Acquire(folder, false, &busy);
+  if (!busy) return RefreshHoldingLock(std::move(lock), forceRefresh);
+  kelcore::async::Promise<std::shared_ptr<RefreshLock>> held;
+  kelcore::async::GetDefaultExecutor()->Post([held, folder] { held.SetValue(RefreshLock::Acquire(folder, true)); });
+  std::weak_ptr<OstrioAuthManager> weakThis = WeakFromThisAs<OstrioAuthManager>();
+  return held.GetFuture().ThenOnSuccess(
+      [weakThis, forceRefresh](std::shared_ptr<RefreshLock> waited) -> Future<ImmutableString> {
+        auto strongThis = weakThis.lock();
+        KEL_THROW_IF_IN(!strongThis, kelcore::kErrorPreconditionFailed, "",
+                        "ostriolib::OstrioAuthManager::GetOstrioAccessToken::<lambda_2>::operator ()");
+        return strongThis->RefreshHoldingLock(std::move(waited), forceRefresh);
+      });
+}
+
+void OstrioAuthManager::AdoptStoredCredentials() {
+  const std::u16string stored = ReadStoredRecord();
+  if (stored.empty()) return;
+  CredentialRecord record;
+  if (!ParseCredentialRecord(kelcore::UTF16ToUTF8(stored), record)) return;
+  if (record.refreshToken == GetRefreshToken()) return;
+  SetTokens(record);
+}
+
+Future<ImmutableString> OstrioAuthManager::RefreshHoldingLock(std::shared_ptr<RefreshLock> lock, bool forceRefresh) {
+  // Another process may have refreshed while this one waited, or since it last read the store.
+  AdoptStoredCredentials();
+  if (IsAccessTokenValid() && !forceRefresh) return MakeReadyFuture(GetAccessToken());
   const ImmutableString refresh = GetRefreshToken();
   if (refresh.empty()) {
     Logout();
@@ -457,7 +493,11 @@ Future<ImmutableString> OstrioAuthManager::GetOstrioAccessToken(bool forceRefres
   }
 
   std::weak_ptr<OstrioAuthManager> weakThis = WeakFromThisAs<OstrioAuthManager>();
-  return RefreshJwtAccessToken(kelcore::ToU8Str(refresh.View())).Then([weakThis](Future<void> done) {
+  // The lock is held until the new credentials are stored (or the refresh failed).
+  return RefreshJwtAccessToken(kelcore::ToU8Str(refresh.View())).Then([weakThis, lock](Future<void> done) mutable {
+    // Released as this continuation ends, before the caller's claim is: a refresh that follows at
+    // once in this process must find the lock free, not wait for a continuation's destruction.
+    const std::shared_ptr<RefreshLock> held = std::move(lock);
     auto strongThis = weakThis.lock();
     KEL_THROW_IF_IN(!strongThis, kelcore::kErrorPreconditionFailed, "",
                     "ostriolib::OstrioAuthManager::GetOstrioAccessToken::<lambda_1>::operator ()");

@@ -29,6 +29,8 @@
 
 namespace ostriolib {
 
+class RefreshLock;
+
 class OstrioAuthManager : public IOstrioAuthManager {
   KEL_CLASS_REGISTRATION(OstrioAuthManager, IOstrioAuthManager)
 
@@ -115,6 +117,11 @@ class OstrioAuthManager : public IOstrioAuthManager {
   // Posts loginCallback(result) to the pre-termination executor when a callback is set.
   void PostLoginCallback(int result);
   std::u16string ReadStoredRecord();
+  // Takes the stored credentials when another process has replaced them since they were read.
+  void AdoptStoredCredentials();
+  // The refresh proper, with the per-user refresh lock held (or none, when it cannot be had).
+  kelcore::async::Future<kelcore::ImmutableString> RefreshHoldingLock(std::shared_ptr<RefreshLock> lock,
+                                                                      bool forceRefresh);
   void SetTokens(const CredentialRecord& record);
   kelcore::classref::InterfaceRef<kelcore::IKeychainUtils> Keychain();
   void EndRefresh(std::uint64_t generation);

@@ -61,7 +61,8 @@ using ::TemporaryDirectory;
 
 // Runs the test `filter` of this binary in a new process with extra environment entries; its exit
 // status (0 when its tests passed).
-inline int RunInNewProcess(const std::string& filter, const std::vector<std::string>& environment) {
+// Starts this test binary again, running only `filter`, with `environment` added; its pid or -1.
+inline pid_t StartInNewProcess(const std::string& filter, const std::vector<std::string>& environment) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   std::vector<std::string> args{self, "--gtest_filter=" + filter, "--gtest_also_run_disabled_tests"};
   std::vector<char*> argv;
@@ -74,10 +75,20 @@ inline int RunInNewProcess(const std::string& filter, const std::vector<std::str
   envp.push_back(nullptr);
   pid_t pid = -1;
   if (posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), envp.data()) != 0) return -1;
+  return pid;
+}
+
+// The exit status of a process StartInNewProcess started; -1 when it did not exit normally.
+inline int WaitForProcess(pid_t pid) {
+  if (pid < 0) return -1;
   int status = 0;
   while (waitpid(pid, &status, 0) < 0) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+inline int RunInNewProcess(const std::string& filter, const std::vector<std::string>& environment) {
+  return WaitForProcess(StartInNewProcess(filter, environment));
 }
 
 // Waits for the sign-in callback posted to the pre-termination executor.

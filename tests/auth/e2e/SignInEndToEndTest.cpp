@@ -206,6 +206,37 @@ TEST_F(SignInEndToEndTest, SignInPersistsRefreshesAndSignsOutOnRejection) {
   }
 }
 
+// Eight processes of one user find the stored token within its last hour at the same moment:
+// one refreshes, the others take what it stored, and the user stays signed in (the service
+// rotates refresh tokens, so a second refresh of the same token would be refused).
+TEST_F(SignInEndToEndTest, ProcessesAcrossAnExpiryRefreshOnce) {
+  SignInWithLifetime(3500);
+  emulator->ControlDelete("requests");
+  std::vector<pid_t> children;
+  for (int i = 0; i < 8; ++i) children.push_back(testing::StartInNewProcess("AuthEndToEndChild.*RefreshesOnce", {}));
+  for (pid_t child : children) EXPECT_EQ(testing::WaitForProcess(child), 0);
+  int refreshes = 0;
+  for (const auto& request : ParseJson(emulator->ControlGet("requests")).GetArray("requests")) {
+    refreshes += request.AsDictionary().GetString("path").starts_with("/v2/auth/refresh_tokens/");
+  }
+  EXPECT_EQ(refreshes, 1);
+  auto after = NewManager();
+  ASSERT_EQ(after->LoadCredentials(), 0);
+  EXPECT_TRUE(after->IsAccessTokenValid());
+}
+
+TEST(AuthEndToEndChild, DISABLED_RefreshesOnce) {
+  auto manager = AllocateClassInstance<OstrioAuthManager>(
+      PlatformSettings::CreateKeychain(),
+      InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<RecordingOSUtilsWrapper>(false)));
+  manager->Configure(kClientId, "ostrio-e2e", kEnvironmentDevelopment, "");
+  ASSERT_EQ(manager->LoadCredentials(), 0);
+  const auto token = manager->RefreshAccessTokenIfNeeded();
+  ASSERT_TRUE(token.WaitFor(testing::kHangGuard));
+  ASSERT_EQ(token.GetResult(), 0);
+  EXPECT_TRUE(manager->IsAccessTokenValid());
+}
+
 // Run only by the test above, in a new process, against the state folder it left behind (and
 // kept out of test discovery).
 TEST(AuthEndToEndChild, DISABLED_FindsTheStoredSignIn) {
