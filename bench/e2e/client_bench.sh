@@ -15,21 +15,8 @@ ROOT=$(cd "$(dirname "$0")/../.." && pwd)
 BUILD=${1:-$ROOT/build/release}
 ROUNDS=${ROUNDS:-3}
 QUERIES=${QUERIES:-1000}
-for tool in node curl h2load aria2c c++ cmake ninja; do
-  command -v "$tool" >/dev/null || { echo "client_bench: $tool is missing" >&2; exit 2; }
-done
-if [[ ! -f $BUILD/build.ninja ]]; then
-  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-fi
-ninja -C "$BUILD" ostriolib >/dev/null
-
-WORK=$(mktemp -d /tmp/client-bench.XXXXXX)
-EMULATOR_PID=
-cleanup() {
-  [[ -n $EMULATOR_PID ]] && kill "$EMULATOR_PID" 2>/dev/null && wait "$EMULATOR_PID" 2>/dev/null
-  rm -rf "$WORK" /dev/shm/client-bench-*
-}
-trap cleanup EXIT
+source "$ROOT/bench/e2e/bench_common.sh"
+bench_setup client-bench "$BUILD" ostriolib
 
 DRIVER=$WORK/driver
 RPATH="$BUILD:$BUILD/platform/kelappsupport:$BUILD/platform/kelnet:$BUILD/platform/kelcore"
@@ -39,16 +26,8 @@ c++ -O2 -std=c++20 -Wall -Wextra -Werror -I"$ROOT/include" -I"$ROOT/platform/kel
   -L"$BUILD/platform/kelnet" -L"$BUILD/platform/kelcore" -lostriolib -lkelappsupport -lkelnet -lkelcore \
   -Wl,-rpath,"$RPATH" -pthread
 
-mkdir -p "$WORK/state"
-node "$ROOT/emulator/server.js" --port 0 --state "$WORK/state" --dataset large --quiet --no-log >"$WORK/emulator.out" &
-EMULATOR_PID=$!
-for _ in $(seq 300); do [[ -s $WORK/emulator.out ]] && break; sleep 0.1; done
+bench_start_emulator --dataset large
 get() { node -e "const o=JSON.parse(require('fs').readFileSync(0,'utf8').split('\n')[0]); const v=$1; console.log(v)"; }
-PORT=$(get o.port <"$WORK/emulator.out")
-SUFFIX=$(get o.suffix <"$WORK/emulator.out")
-CA=$(get o.ca <"$WORK/emulator.out")
-API="https://api$SUFFIX"
-LOOPBACK="https://127.0.0.1:$PORT"
 export OSTRIOLIB_ENVIRONMENT=2 OSTRIOLIB_DOMAIN_DEVELOPMENT=$SUFFIX OSTRIOLIB_CABUNDLE=$CA OSTRIOLIB_KEYCHAIN=memory
 export OSTRIOLIB_DEBUG_DB=/dev/null XDG_DATA_HOME=$WORK/data XDG_CONFIG_HOME=$WORK/config XDG_STATE_HOME=$WORK/xstate
 SESSION=$(curl -sf --cacert "$CA" -X POST -H 'content-type: application/json' -d '{}' "$API/_emulator/session")
@@ -66,8 +45,6 @@ BODY=$(node -e "
 printf '%s' "$BODY" >"$WORK/body.json"
 
 field() { sed -n "s/.*\<$1=\([0-9.]*\).*/\1/p" | head -1; }
-median() { sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
 declare -A V
 add() { V[$1]+="$2 "; }
 

@@ -36,22 +36,8 @@ SINGLE_BYTES=${SINGLE_BYTES:-1073741824}
 SEGMENTED_BYTES=${SEGMENTED_BYTES:-1073741824}
 MEMORY_BYTES=${MEMORY_BYTES:-2147483648}
 
-for tool in node curl h2load aria2c c++ cmake ninja; do
-  command -v "$tool" >/dev/null || { echo "transport_bench: $tool is missing" >&2; exit 2; }
-done
-
-if [[ ! -f $BUILD/build.ninja ]]; then
-  cmake -S "$ROOT" -B "$BUILD" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-fi
-ninja -C "$BUILD" kelappsupport >/dev/null
-
-WORK=$(mktemp -d /tmp/transport-bench.XXXXXX)
-EMULATOR_PID=
-cleanup() {
-  [[ -n $EMULATOR_PID ]] && kill "$EMULATOR_PID" 2>/dev/null && wait "$EMULATOR_PID" 2>/dev/null
-  rm -rf "$WORK" /dev/shm/transport-bench-*
-}
-trap cleanup EXIT
+source "$ROOT/bench/e2e/bench_common.sh"
+bench_setup transport-bench "$BUILD" kelappsupport
 
 DRIVER=$WORK/driver
 LIBS=(-L"$BUILD/platform/kelappsupport" -L"$BUILD/platform/kelnet" -L"$BUILD/platform/kelcore")
@@ -61,26 +47,12 @@ c++ -O2 -std=c++20 -Wall -Wextra -Werror \
   "$ROOT/bench/e2e/transport_bench_driver.cpp" -o "$DRIVER" "${LIBS[@]}" \
   -lkelappsupport -lkelnet -lkelcore -Wl,-rpath,"$RPATH" -pthread
 
-# The emulator, without its request log: a benchmark is not to measure the log's growth.
-mkdir -p "$WORK/state"
-node "$ROOT/emulator/server.js" --port 0 --state "$WORK/state" --quiet --no-log >"$WORK/emulator.out" &
-EMULATOR_PID=$!
-for _ in $(seq 300); do [[ -s $WORK/emulator.out ]] && break; sleep 0.1; done
-json() { node -e "const o=JSON.parse(require('fs').readFileSync(0,'utf8').split('\n')[0]); console.log(o['$1'])"; }
-PORT=$(json port <"$WORK/emulator.out")
-SUFFIX=$(json suffix <"$WORK/emulator.out")
-CA=$(json ca <"$WORK/emulator.out")
+bench_start_emulator
 export BENCH_CABUNDLE=$CA
-API="https://api$SUFFIX"
-LOOPBACK="https://127.0.0.1:$PORT"
 TOKEN=$(curl -sf --cacert "$CA" -X POST -H 'content-type: application/json' -d '{}' "$API/_emulator/session" | json accessToken)
 BODY='{"query":"query Me { me { id } }"}'
 printf '%s' "$BODY" >"$WORK/body.json"
 
-ratio() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.2f", (b > 0 ? a / b : 0) }'; }
-median() {
-  sort -g | awk '{ v[NR] = $1 } END { if (NR % 2) print v[(NR + 1) / 2]; else printf "%.1f\n", (v[NR / 2] + v[NR / 2 + 1]) / 2 }'
-}
 field() { sed -n "s/.*\<$1=\([0-9.]*\).*/\1/p" | head -1; }
 OUT=$WORK/out
 # measure <command...>: runs it under the driver's measure mode; sets CPU_US, WALL_S, and the
