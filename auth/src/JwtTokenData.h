@@ -21,6 +21,8 @@ struct JwtTokenData {
   std::int32_t nbf = 0;
   kelcore::ImmutableString sub;
   kelcore::ImmutableString typ;
+
+  friend bool operator==(const JwtTokenData&, const JwtTokenData&) = default;
 };
 
 // The payload part of a JWT (between the first and the second '.'), padded with '=' to a
