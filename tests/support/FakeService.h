@@ -1,7 +1,7 @@
 #pragma once
 // The service double: records the tokens it was given and the queries it was asked, answers each
 // query at once with a scripted body (or with no response at all), and holds each download until
-// the test drives it.
+// the test drives it. Outcome reads how an operation on it (or on anything else) ended.
 
 #include <deque>
 #include <functional>
@@ -11,29 +11,29 @@
 #include <vector>
 
 #include "kelcore/Future.h"
+#include "kelcore/KelException.h"
+#include "kelcore/ResultCodes.h"
 #include "ostriolib/IOstrioService.h"
 
 namespace ostriolib {
 
 class FakeService final : public IOstrioService {
   KEL_CLASS_REGISTRATION(FakeService, IOstrioService)
+  using Text = kelcore::ImmutableString;
+  using Answer = kelcore::async::Future<std::shared_ptr<kelnet::Response>>;
 
-  int Initialize(const kelcore::ImmutableString&, const kelcore::ImmutableString& accessToken, const EnvironmentType&,
-                 const kelcore::ImmutableString&,
-                 const std::function<void(const kelcore::ImmutableString&)>& onUnauthenticated) override {
-    std::lock_guard lock(mutex);
-    tokens.push_back(accessToken.ToStdString());
+  int Initialize(const Text&, const Text& accessToken, const EnvironmentType&, const Text&,
+                 const std::function<void(const Text&)>& onUnauthenticated) override {
     this->onUnauthenticated = onUnauthenticated;
-    return initializeResult;
+    return SetAccessToken(accessToken) == 0 ? initializeResult : -1;
   }
-  int SetAccessToken(const kelcore::ImmutableString& token) override {
+  int SetAccessToken(const Text& token) override {
     std::lock_guard lock(mutex);
     tokens.push_back(token.ToStdString());
     return 0;
   }
   void NotifyUnauthenticated() override {}
-  kelcore::async::Future<std::shared_ptr<kelnet::Response>> Query(const kelcore::U8Str& query,
-                                                                  const kelcore::utility::Dictionary&) override {
+  Answer Query(const kelcore::U8Str& query, const kelcore::utility::Dictionary&) override {
     std::lock_guard lock(mutex);
     queries.push_back(kelcore::ToStdString(query));
     if (answerNothing) return kelcore::async::MakeReadyFuture(std::shared_ptr<kelnet::Response>());
@@ -42,16 +42,13 @@ class FakeService final : public IOstrioService {
   }
   int GetThrottleParameter1() override { return 16; }
   int GetThrottleParameter2() override { return 16; }
-  kelcore::async::Future<std::shared_ptr<kelnet::Response>> StreamingGet(const kelcore::ImmutableString& url,
-                                                                         const StreamingDataCallback& onData,
-                                                                         const kelnet::HeaderMap&) const override {
+  Answer StreamingGet(const Text&, const StreamingDataCallback& onData, const kelnet::HeaderMap&) const override {
     std::lock_guard lock(mutex);
-    downloads.push_back({url.ToStdString(), onData, kelcore::async::Promise<std::shared_ptr<kelnet::Response>>()});
+    downloads.push_back({onData, kelcore::async::Promise<std::shared_ptr<kelnet::Response>>()});
     return downloads.back().done.GetFuture();
   }
 
   struct Download {
-    std::string url;
     StreamingDataCallback onData;
     kelcore::async::Promise<std::shared_ptr<kelnet::Response>> done;
   };
@@ -61,8 +58,20 @@ class FakeService final : public IOstrioService {
   bool answerNothing = false;  // a null response, which the real service never hands on
   std::vector<std::string> tokens;
   std::vector<std::string> queries;
-  std::function<void(const kelcore::ImmutableString&)> onUnauthenticated;
+  std::function<void(const Text&)> onUnauthenticated;
   mutable std::deque<Download> downloads;
 };
+
+// The failure a future ends with (result 0 when it succeeded), waiting for it a bounded while.
+template <class T>
+kelcore::kel_exception Outcome(const kelcore::async::Future<T>& future) {
+  if (!future.WaitFor(std::chrono::seconds(30))) return kelcore::kel_exception(kelcore::kErrorFailed, "never ended");
+  try {
+    future.Get();
+  } catch (const kelcore::kel_exception& e) {
+    return e;
+  }
+  return kelcore::kel_exception(0);
+}
 
 }  // namespace ostriolib

@@ -5,9 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <memory>
-
 #include "ClientDoubles.h"
 #include "OstrioAuthEventObject.h"
 #include "OstrioClientObject.h"
@@ -15,32 +12,16 @@
 #include "ScriptingDoubles.h"
 #include "kelcore/Executor.h"
 #include "kelcore/Messaging.h"
-#include "kelcore/Strings.h"
 #include "kelscripting/ObjectFactory.h"
 
 namespace ostriolib {
 namespace {
 
-using kelscripting::RecordingPromise;
 using kelscripting::RecordingScriptEngine;
-using State = RecordingPromise::State;
 
 class ScriptObjectsTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    // The scheme registration writes below XDG_DATA_HOME and XDG_CONFIG_HOME.
-    scratch = std::make_unique<TemporaryDirectory>();
-    ::setenv("XDG_DATA_HOME", (scratch->Path() / "data").c_str(), 1);
-    ::setenv("XDG_CONFIG_HOME", (scratch->Path() / "config").c_str(), 1);
-    ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1);
-    // The client holds the auth manager it is initialised with.
-    OstrioClientObject::SetupOstrioAuth();
-    ASSERT_EQ(GetOstrioAuthManager()->Initialize(kelcore::ImmutableString("corvane+ScriptingTest/1.0.1"),
-                                                 kelcore::ImmutableString("ostrio-unit"), kEnvironmentDevelopment, {}),
-              0);
-  }
-  static void TearDownTestSuite() { scratch.reset(); }
-
+  static void SetUpTestSuite() { BeginClientProcess(scratch.Path(), "ScriptingTest", "ostrio-unit"); }
   void SetUp() override {
     kelscripting::InstallScriptEngine(engine);
     kelcore::async::InstallMainThreadDispatcher(mainLoop);
@@ -49,56 +30,41 @@ class ScriptObjectsTest : public ::testing::Test {
     ASSERT_EQ(GetOstrioAuthManager()->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(
                   "ostrio-unit://ostrio#expires=4102444800&refreshToken=r&token=Bearer%20t&userId=u")),
               0);
-    ASSERT_TRUE(OstrioClientObject::BoundClient()->IsOstrioUserSignedIn());
   }
   void TearDown() override {
     kelcore::async::UninstallMainThreadDispatcher();
     kelscripting::InstallScriptEngine(nullptr);
   }
 
-  static inline std::unique_ptr<TemporaryDirectory> scratch;
-
-  std::shared_ptr<OstrioClientObject> NewObject() {
-    return kelscripting::ObjectFactory::Make<OstrioClientObject>(
-        engine, kelcore::classref::InterfaceRef<IOstrioAuthManager>(auth));
-  }
-
+  static inline TemporaryDirectory scratch;
   std::shared_ptr<RecordingScriptEngine> engine = std::make_shared<RecordingScriptEngine>();
   std::shared_ptr<kelcore::async::MainThreadRunLoop> mainLoop = std::make_shared<kelcore::async::MainThreadRunLoop>();
   std::shared_ptr<FakeAuthManager> auth = std::make_shared<FakeAuthManager>();
 };
 
 TEST_F(ScriptObjectsTest, OneRefreshPerObjectAtATimeAndOnlyWhileItRuns) {
-  auto object = NewObject();
-  auto first = RecordingScriptEngine::Recorded(object->RefreshAccessToken());
-  auto second = RecordingScriptEngine::Recorded(object->RefreshAccessToken());
+  using Recorded = RecordingScriptEngine;
+  auto object = kelscripting::ObjectFactory::Make<OstrioClientObject>(
+      engine, kelcore::classref::InterfaceRef<IOstrioAuthManager>(auth));
+  const auto first = object->RefreshAccessToken();
+  EXPECT_EQ(Recorded::Settled(object->RefreshAccessToken()), "resolved ");  // at once, with the token current then
   EXPECT_EQ(auth->TokenRequestCount(), 1u);
-  EXPECT_EQ(first->GetState(), State::Pending);
-  EXPECT_EQ(second->GetState(), State::Resolved);  // at once, with the token current then
-
+  EXPECT_EQ(Recorded::Settled(first), "pending");
   auth->AnswerToken("fresh");
-  ASSERT_EQ(first->GetState(), State::Resolved);
-  EXPECT_EQ(first->Value().AsString(), "fresh");
+  EXPECT_EQ(Recorded::Settled(first), "resolved fresh");
 
   // Settled, the marker is gone: the next call asks again, and a failure reads as the empty token.
-  auto third = RecordingScriptEngine::Recorded(object->RefreshAccessToken());
-  EXPECT_EQ(auth->TokenRequestCount(), 2u);
+  const auto second = object->RefreshAccessToken();
   auth->FailToken(kelcore::kErrorRefreshRejected);
-  ASSERT_EQ(third->GetState(), State::Resolved);
-  EXPECT_EQ(third->Value().AsString(), "");
-  object->RefreshAccessToken();
-  EXPECT_EQ(auth->TokenRequestCount(), 3u);
-}
+  EXPECT_EQ(Recorded::Settled(second), "resolved ");
 
-TEST_F(ScriptObjectsTest, ARefreshThatOutlivesItsObjectRejectsItsPromise) {
-  auto object = NewObject();
-  auto promise = RecordingScriptEngine::Recorded(object->RefreshAccessToken());
+  // A refresh that outlives its object rejects its promise.
+  const auto orphan = object->RefreshAccessToken();
+  EXPECT_EQ(auth->TokenRequestCount(), 3u);
   object.reset();
-  auth->AnswerToken("fresh");
-  ASSERT_EQ(promise->GetState(), State::Failed);
-  EXPECT_EQ(promise->Message(), "OstrioClientObject no longer valid");
-  EXPECT_EQ(promise->Code(), kelcore::kErrorPreconditionFailed);
-  EXPECT_EQ(promise->Settlements(), 1);
+  auth->AnswerToken("late");
+  EXPECT_EQ(Recorded::Settled(orphan),
+            "failed " + std::to_string(kelcore::kErrorPreconditionFailed) + " OstrioClientObject no longer valid");
 }
 
 TEST_F(ScriptObjectsTest, EventsReflectTheStateWhenHandledAndNeedALiveClient) {
