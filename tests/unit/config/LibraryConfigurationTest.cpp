@@ -26,6 +26,7 @@ class LibraryConfiguration : public ::testing::Test {
                                  {"XDG_DATA_HOME", ::testing::TempDir()},
                                  {"XDG_CONFIG_HOME", ::testing::TempDir()},
                                  {"OSTRIOLIB_ENVIRONMENT", std::nullopt},
+                                 {"OSTRIOLIB_PREVIEW", std::nullopt},
                                  {"OSTRIOLIB_DEBUG_DB", std::nullopt}};
 };
 
@@ -80,7 +81,7 @@ TEST_F(LibraryConfiguration, MissingRedirectURIFailsInitialisation) {
   });
 }
 
-TEST_F(LibraryConfiguration, EnvironmentAndDomainComeFromTheDebugDatabase) {
+TEST_F(LibraryConfiguration, EnvironmentDomainAndPreviewComeFromTheDebugDatabase) {
   const std::pair<const char*, const kelcore::ImmutableString&> cases[] = {
       {nullptr, kProdDomain},     {"1", kStageDomain},  {"2", kDevDomain},
       {"staging", kProdDomain}, {"258", kProdDomain}, {"-1", kProdDomain}};
@@ -92,4 +93,7 @@ TEST_F(LibraryConfiguration, EnvironmentAndDomainComeFromTheDebugDatabase) {
   EXPECT_EQ(static_cast<int>(GetEnvironmentType()), 7);
   EXPECT_EQ(GetDomainSuffix(GetEnvironmentType()), kProdDomain);
 
+  EXPECT_TRUE(GetDevPreviewHeaderValue().empty());
+  setenv("OSTRIOLIB_PREVIEW", "pr-1234", 1);
+  EXPECT_EQ(GetDevPreviewHeaderValue(), std::string_view("pr-1234"));
 }
