@@ -11,8 +11,6 @@
 #include "ScratchFolders.h"
 
 namespace ostriolib {
-namespace {
-
 using kelcore::KeychainChoice;
 
 TEST(PlatformSettings, EachKeyOverridesItsDefault) {
@@ -43,20 +41,4 @@ TEST(PlatformSettings, EachKeyOverridesItsDefault) {
   }
 }
 
-TEST(PlatformSettings, TheStoreAndTheOpenerFollowTheSettings) {
-  TemporaryDirectory root;
-  const auto seen = root.Path() / "seen";
-  ScopedEnvironment environment{{"OSTRIOLIB_DEBUG_DB", "/dev/null"},
-                                {"OSTRIOLIB_KEYCHAIN", "file"},
-                                {"OSTRIOLIB_STATEDIR", root.Path().string()},
-                                {"OSTRIOLIB_BROWSER", "sh -c 'printf %s \"$1\" > " + seen.string() + "' opener"}};
-  ASSERT_EQ(PlatformSettings::CreateKeychain()->AddPassword(u"svc", u"acct", u"secret", true), 0);
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.Path() / "credentials"), {}), 1);
-
-  ASSERT_TRUE(PlatformSettings::CreateUrlOpener()->OpenURL("https://x.test/a?b"));
-  std::ifstream in(seen);
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "https://x.test/a?b");
-}
-
-}  // namespace
 }  // namespace ostriolib

@@ -13,15 +13,12 @@ TEST(Guid, ParsesAnyCaseWithOptionalBracesAndWritesLowerCase) {
   EXPECT_EQ(upper->Bytes()[15], 0xFF);
   EXPECT_EQ(upper->ToString(), "6f9619ff-8b86-d011-b42d-00c04fc964ff");
   EXPECT_EQ(Guid("{6f9619ff-8b86-d011-b42d-00c04fc964ff}"), *upper);
-  EXPECT_EQ(Guid(upper->ToString()), *upper);
-  EXPECT_FALSE(upper->IsNil());
-  EXPECT_EQ(std::hash<Guid>{}(*upper), std::hash<Guid>{}(Guid(upper->ToString())));
 
   EXPECT_TRUE(Guid::TryParse("00000000-0000-0000-0000-000000000000")->IsNil());
   for (const char* bad : {"", "6f9619ff-8b86-d011-b42d-00c04fc964f", "6f9619ff-8b86-d011-b42d-00c04fc964fff",
                           "6f9619ff8b86-d011-b42d-00c04fc964ff0", "6f9619ff-8b86-d011-b42d_00c04fc964ff",
                           "6f9619fg-8b86-d011-b42d-00c04fc964ff", "{6f9619ff-8b86-d011-b42d-00c04fc964ff",
-                          "(6f9619ff-8b86-d011-b42d-00c04fc964ff)", " 6f9619ff-8b86-d011-b42d-00c04fc964f",
+                          "(6f9619ff-8b86-d011-b42d-00c04fc964ff)", "{6f9619ff-8b86-d011-b42d-00c04fc964ff)", " 6f9619ff-8b86-d011-b42d-00c04fc964f",
                           "6f9619ff-8b86-d011-b42d-00c04fc964+f", "6f9619ff-8b86-d011-b4-d-00c04fc964ff"}) {
     EXPECT_FALSE(Guid::TryParse(bad)) << bad;
     EXPECT_TRUE(Guid(bad).IsNil()) << bad;
