@@ -142,7 +142,7 @@ class Builder {
 
   Built Value(int depth) {
     if (++nodes_ > 2000 || input_.remaining_bytes() == 0) return {};
-    switch (input_.ConsumeIntegralInRange(0, depth >= 12 ? 5 : 9)) {
+    switch (input_.ConsumeIntegralInRange(0, depth >= 12 ? 5 : 8)) {
       case 0: return {};
       case 1: {
         const bool value = input_.ConsumeBool();
@@ -173,14 +173,6 @@ class Builder {
       }
       case 6: return Array(depth);
       case 7: return Object(depth);
-      case 8: {
-        // A value that went through JSON once is a view into a parsed document.
-        Built inner = Value(depth + 1);
-        const std::string text = JSONWrite(inner.value);
-        auto parsed = JSONParseToDictionaryValue(text.data(), text.size());
-        FUZZ_CHECK(parsed.has_value());
-        return {std::move(*parsed), AfterJson(inner.model)};
-      }
       default: {
         // An object shared by several parents; changed later, it must stay as it was in each.
         if (shared_.empty()) return Object(depth);
@@ -211,15 +203,6 @@ class Builder {
   Built Object(int depth) {
     Dictionary object;
     Model model = Of(Kind::Object);
-    if (depth < 12 && input_.ConsumeBool()) {
-      // Written into after parsing: the parsed members stay, the changes go on top.
-      Built base = Object(depth + 1);
-      const std::string text = JSONWrite(base.value);
-      auto parsed = JSONParseToDictionaryValue(text.data(), text.size());
-      FUZZ_CHECK(parsed.has_value());
-      object = parsed->AsDictionary();
-      model = AfterJson(base.model);
-    }
     const int operations = input_.ConsumeIntegralInRange(0, 8);
     for (int i = 0; i < operations; ++i) {
       auto& members = model.members;
