@@ -3,24 +3,26 @@
 
 #include <gtest/gtest.h>
 
-#include "AuthTestSupport.h"
-#include "kelcore/KeychainUtils.h"
-#include "kelcore/OSUtilsWrapper.h"
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "OstrioAuthManager.h"
 #include "PlatformSettings.h"
+#include "RecordingOSUtilsWrapper.h"
+#include "ScratchFolders.h"
 
 namespace ostriolib {
 namespace {
 
 using kelcore::KeychainUtils;
+using kelcore::classref::AllocateClassInstance;
 
 constexpr char16_t kService[] = u"com.corvane.ostrio.keyring-test";
 constexpr char16_t kAccount[] = u"credentials_tester";
 const std::u16string kSecret = u"s3cr\u00e9t \u2713 & = %";
-const std::string kRecord = "expires=4102444800&refreshToken=rt-1&token=Bearer%20tok&userId=u-1";
 
-std::string Expectation() {
-  const char* value = std::getenv("OSTRIO_KEYRING_EXPECT");
-  return value ? value : "";
+// What the child half is to find: "stored", "cleared" or "record".
+int RunChild(const std::string& expect) {
+  return RunChildProcess("SecretServiceChild.*", {"OSTRIO_KEYRING_EXPECT=" + expect});
 }
 
 TEST(SecretService, WhatOneProcessStoresANewProcessReadsBack) {
@@ -29,29 +31,25 @@ TEST(SecretService, WhatOneProcessStoresANewProcessReadsBack) {
   ASSERT_EQ(store->AddPassword(kService, kAccount, u"replaced", true), 0);
   ASSERT_EQ(store->AddPassword(kService, kAccount, kSecret, true), 0);
   ASSERT_EQ(store->AddPassword(kService, kAccount, u"for this session", false), 0);
-
-  EXPECT_EQ(testing::RunInNewProcess("SecretServiceChild.*", {"OSTRIO_KEYRING_EXPECT=stored"}), 0);
+  EXPECT_EQ(RunChild("stored"), 0);
   EXPECT_TRUE(store->RemovePassword(kService, kAccount, true));
   EXPECT_TRUE(store->RemovePassword(kService, kAccount, false));
   EXPECT_FALSE(store->RemovePassword(kService, kAccount, true));
-  EXPECT_EQ(testing::RunInNewProcess("SecretServiceChild.*", {"OSTRIO_KEYRING_EXPECT=cleared"}), 0);
+  EXPECT_EQ(RunChild("cleared"), 0);
 }
 
 TEST(SecretService, TheAuthManagerKeepsItsRecordThereAndNotInFiles) {
-  testing::TemporaryDirectory state;
-  ::setenv("OSTRIOLIB_KEYCHAIN", "auto", 1);
-  ::setenv("OSTRIOLIB_STATEDIR", state.Path().c_str(), 1);
-  auto manager = kelcore::classref::AllocateClassInstance<OstrioAuthManager>(
-      ostriolib::PlatformSettings::CreateKeychain(), kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper>(
-                                             std::make_shared<RecordingOSUtilsWrapper>()));
+  TemporaryDirectory state;
+  ScopedEnvironment environment{{"OSTRIOLIB_KEYCHAIN", "auto"}, {"OSTRIOLIB_STATEDIR", state.Path().string()}};
+  auto manager = AllocateClassInstance<OstrioAuthManager>(
+      PlatformSettings::CreateKeychain(),
+      kelcore::classref::InterfaceRef<kelcore::IOSUtilsWrapper>(std::make_shared<RecordingOSUtilsWrapper>()));
   manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "");
-  ASSERT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str("ostrio-test://ostrio#" + kRecord)), 0);
-
-  EXPECT_EQ(testing::RunInNewProcess("SecretServiceChild.*", {"OSTRIO_KEYRING_EXPECT=record"}), 0);
+  const std::string record = "expires=4102444800&refreshToken=rt-1&token=Bearer%20tok&userId=u-1";
+  ASSERT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str("ostrio-test://ostrio#" + record)), 0);
+  EXPECT_EQ(RunChild("record"), 0);
   EXPECT_FALSE(std::filesystem::exists(state.Path() / "credentials"));
-  EXPECT_EQ(manager->LoadCredentials(), 0);  // still in memory here
-  auto fresh = kelcore::classref::AllocateClassInstance<OstrioAuthManager>();
-  EXPECT_FALSE(fresh->IsUserSignedIn());  // the child signed out
+  EXPECT_FALSE(AllocateClassInstance<OstrioAuthManager>()->IsUserSignedIn());  // the child signed out
 }
 
 // Kept last: it leaves the login collection locked. A locked item answers a lookup with "nothing"
@@ -65,16 +63,17 @@ TEST(SecretService, ALockedCollectionReadsAsEmptyWithAWarningAndIsNotChosen) {
                         "--method org.freedesktop.Secret.Service.Lock "
                         "\"['/org/freedesktop/secrets/collection/login']\" >/dev/null"),
             0);
-  testing::LogCapture log;
+  LogCapture log;
   EXPECT_EQ(store->GetPassword(kService, kAccount, true), u"");
   EXPECT_NE(log.AllText().find("is locked"), std::string::npos) << log.AllText();
   EXPECT_FALSE(KeychainUtils::CreateSecretServiceKeychain(std::chrono::seconds(5), std::chrono::seconds(10)));
 }
 
 TEST(SecretServiceChild, DISABLED_SeesWhatTheParentLeft) {
-  const std::string expect = Expectation();
-  if (expect == "record") {
-    auto manager = kelcore::classref::AllocateClassInstance<OstrioAuthManager>();
+  const char* expect = std::getenv("OSTRIO_KEYRING_EXPECT");
+  ASSERT_TRUE(expect);
+  if (std::string_view(expect) == "record") {
+    auto manager = AllocateClassInstance<OstrioAuthManager>();
     ASSERT_EQ(manager->LoadCredentials(), 0);
     EXPECT_EQ(manager->GetAccessToken().View(), "tok");
     EXPECT_EQ(manager->GetRefreshToken().View(), "rt-1");
@@ -83,14 +82,9 @@ TEST(SecretServiceChild, DISABLED_SeesWhatTheParentLeft) {
   }
   auto store = KeychainUtils::CreateSecretServiceKeychain();
   ASSERT_TRUE(store);
-  if (expect == "stored") {
-    EXPECT_EQ(store->GetPassword(kService, kAccount, true), kSecret);
-    EXPECT_EQ(store->GetPassword(kService, kAccount, false), u"for this session");
-  } else {
-    ASSERT_EQ(expect, "cleared");
-    EXPECT_EQ(store->GetPassword(kService, kAccount, true), u"");
-    EXPECT_EQ(store->GetPassword(kService, kAccount, false), u"");
-  }
+  const bool stored = std::string_view(expect) == "stored";
+  EXPECT_EQ(store->GetPassword(kService, kAccount, true), stored ? kSecret : u"");
+  EXPECT_EQ(store->GetPassword(kService, kAccount, false), stored ? u"for this session" : u"");
 }
 
 }  // namespace
