@@ -1,7 +1,7 @@
 #pragma once
-// Runs some tests of this test binary again in a new process: for what must hold across
-// processes (a stored sign-in, a lock) or must not touch this one (a process-wide limit). The
-// child halves are DISABLED_ tests, so they run only when asked for here.
+// Runs some tests of this test binary again in a new process, with this one's environment: for
+// what must hold across processes (a stored sign-in, a lock) or must not touch this one (a
+// process-wide limit). The child halves are DISABLED_ tests, so they run only when asked for.
 
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,22 +10,14 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
-#include <vector>
 
-// Starts this binary running only the tests `filter` names, with `environment` entries added;
-// its pid, or -1.
-inline pid_t StartChildProcess(const std::string& filter, const std::vector<std::string>& environment = {}) {
-  const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-  std::vector<std::string> args{self, "--gtest_filter=" + filter, "--gtest_also_run_disabled_tests"};
-  std::vector<std::string> env = environment;
-  for (char** entry = ::environ; *entry; ++entry) env.emplace_back(*entry);
-  std::vector<char*> argv, envp;
-  for (auto& arg : args) argv.push_back(arg.data());
-  for (auto& entry : env) envp.push_back(entry.data());
-  argv.push_back(nullptr);
-  envp.push_back(nullptr);
+// Starts this binary running only the tests `filter` names; its pid, or -1.
+inline pid_t StartChildProcess(const std::string& filter) {
+  std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
+  std::string only = "--gtest_filter=" + filter, disabled = "--gtest_also_run_disabled_tests";
+  char* argv[] = {self.data(), only.data(), disabled.data(), nullptr};
   pid_t pid = -1;
-  return posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv.data(), envp.data()) == 0 ? pid : -1;
+  return posix_spawn(&pid, self.c_str(), nullptr, nullptr, argv, ::environ) == 0 ? pid : -1;
 }
 
 // The exit status of a child (0 when its tests passed); -1 when it did not exit normally.
@@ -37,6 +29,4 @@ inline int WaitForChildProcess(pid_t pid) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-inline int RunChildProcess(const std::string& filter, const std::vector<std::string>& environment = {}) {
-  return WaitForChildProcess(StartChildProcess(filter, environment));
-}
+inline int RunChildProcess(const std::string& filter) { return WaitForChildProcess(StartChildProcess(filter)); }

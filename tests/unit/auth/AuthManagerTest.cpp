@@ -18,14 +18,14 @@
 namespace ostriolib {
 namespace {
 
-using kelcore::ImmutableString;
-using kelcore::async::Future;
 using kelcore::classref::AllocateClassInstance;
 using kelcore::classref::InterfaceRef;
+using ::testing::HasSubstr;
 
 constexpr auto kHangGuard = std::chrono::seconds(60);  // only stops a broken test from hanging
 constexpr std::int64_t kNow = 1'700'000'000;
 const std::string kHourLeft = std::to_string(kNow + 3600);
+const std::string kDayLeft = std::to_string(kNow + 86400);
 const std::u16string kService(OstrioAuthManager::kCredentialService);
 
 // Every test runs in throwaway XDG folders and opens nothing, so none can touch the desktop of
@@ -35,24 +35,20 @@ class ScratchDesktop : public ::testing::Environment {
     for (const char* name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"}) ::setenv(name, scratch_.Path().c_str(), 1);
     ::setenv("OSTRIOLIB_DEBUG_DB", "/dev/null", 1);
     ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1);
-    ::setenv("OSTRIOLIB_BROWSER", "false", 1);
     ::setenv("OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test:8443", 1);
   }
   TemporaryDirectory scratch_;
 };
 [[maybe_unused]] ::testing::Environment* const sScratchDesktop = ::testing::AddGlobalTestEnvironment(new ScratchDesktop);
 
-// A JWT whose payload is `claims` (the client does not check the signature).
+// A JWT whose payload is `claims` (the client does not check the header or the signature).
 std::string Jwt(std::string_view claims) {
-  const auto base64 = [](std::string_view bytes) {
-    std::string text = kelcore::EncodeBinaryDataToBase64(bytes);
-    return text.substr(0, text.find('='));
-  };
-  return base64(R"({"alg":"HS256"})") + "." + base64(claims) + ".c2ln";
+  const std::string payload = kelcore::EncodeBinaryDataToBase64(claims);
+  return "e30." + payload.substr(0, payload.find('=')) + ".c2ln";
 }
-std::string Claims(std::int64_t exp, std::string_view nbf = R"("nbf":1,)") {
-  return R"({"_correlation_id":"c","_version":2,"aud":"a","exp":)" + std::to_string(exp) +
-         R"(,"iat":1,"iss":"i","jti":"j",)" + std::string(nbf) + R"("sub":"s","typ":"t"})";
+std::string Claims(const std::string& exp, std::string_view nbf = R"("nbf":1,)") {
+  return R"({"_correlation_id":"c","_version":2,"aud":"a","exp":)" + exp + R"(,"iat":1,"iss":"i","jti":"j",)" +
+         std::string(nbf) + R"("sub":"s","typ":"t"})";
 }
 std::string Record(const std::string& expires, const std::string& refresh = "rt-1", const std::string& token = "at-1") {
   return "expires=" + expires + "&refreshToken=" + refresh + "&token=Bearer%20" + token + "&userId=u-1";
@@ -65,6 +61,26 @@ std::shared_ptr<kelnet::Response> Answer(int status, const std::string& authoriz
   return std::make_shared<kelnet::Response>(status, std::move(headers), "");
 }
 std::chrono::system_clock::time_point Now() { return std::chrono::system_clock::time_point(std::chrono::seconds(kNow)); }
+
+// What a token future came to: the token, or the failure.
+struct Outcome {
+  std::string token;
+  kelcore::Result code = 0;
+  std::string what = {}, expression = {};
+};
+Outcome Wait(const kelcore::async::Future<kelcore::ImmutableString>& future) {
+  if (!future.WaitFor(kHangGuard)) return {"<hung>"};
+  const std::exception_ptr error = future.GetException();
+  if (!error) return {future.Get().ToStdString()};
+  Outcome failed{"", kelcore::ExtractResultFromException(error), kelcore::ExtractMessageFromException(error)};
+  try {
+    std::rethrow_exception(error);
+  } catch (const kelcore::kel_exception& e) {
+    failed.expression = e.Expression();
+  } catch (...) {
+  }
+  return failed;
+}
 
 class AuthManagerTest : public ::testing::Test {
  protected:
@@ -86,6 +102,7 @@ class AuthManagerTest : public ::testing::Test {
     manager->StoreCredentials(record);
     ASSERT_EQ(manager->LoadCredentials(), 0);
   }
+  Outcome Refresh() { return Wait(manager->RefreshAccessTokenIfNeeded()); }
 
   // The sign-in callback, and what it heard once every callback posted so far has run (the
   // executor is serial).
@@ -101,13 +118,6 @@ class AuthManagerTest : public ::testing::Test {
     EXPECT_EQ(drained.get_future().wait_for(kHangGuard), std::future_status::ready);
     std::lock_guard lock(heardMutex);
     return std::exchange(heard, {});
-  }
-
-  // The token, or the failure.
-  static std::pair<std::string, std::exception_ptr> Outcome(const Future<ImmutableString>& future) {
-    if (!future.WaitFor(kHangGuard)) return {"<hung>", nullptr};
-    if (auto error = future.GetException()) return {"", error};
-    return {future.Get().ToStdString(), nullptr};
   }
 
   std::mutex heardMutex;
@@ -133,7 +143,7 @@ TEST_F(AuthManagerTest, SignedInMeansAValidTokenOrARefreshToken) {
       {Record(kHourLeft, ""), 0, false, false},
       {Record(std::to_string(kNow + 3601) + "junk"), 0, true, true},  // digits up to the first non-digit
       {Record("soon"), 0, false, true},
-      {Record("+" + std::to_string(kNow + 7200)), 0, false, true},
+      {Record("+" + kDayLeft), 0, false, true},
       {Record("99999999999999999999"), 0, false, true},   // overflow reads as 0
       {Record("-9223372036854775808"), 0, false, true},  // far past: must not wrap round to "valid"
   };
@@ -148,6 +158,8 @@ TEST_F(AuthManagerTest, SignedInMeansAValidTokenOrARefreshToken) {
   }
 }
 
+// Login opens the sign-in page (its callback scheme encoded), reports a page it cannot open or a
+// URL it cannot build, and signs in from a stored record without the browser.
 TEST_F(AuthManagerTest, LoginOpensTheSignInPageOrSignsInFromTheStore) {
   EXPECT_EQ(manager->Login({}), 0);
   manager->Configure("acme+Editor/1.0.1", "a+b c\td", kEnvironmentDevelopment, "");
@@ -157,33 +169,28 @@ TEST_F(AuthManagerTest, LoginOpensTheSignInPageOrSignsInFromTheStore) {
                                 "https://accounts.ostrio.test:8443/welcome?legacy_auth=false&auth_callback=a%2Bb%20c%9d://ostrio"}));
   opener->SetResult(false);
   EXPECT_EQ(manager->Login({}), kelcore::kErrorInvalidArgument);
-
-  manager->StoreCredentials(Record(std::to_string(kNow + 7200)));
+  {
+    ScopedEnvironment badDomain{{"OSTRIOLIB_DOMAIN_DEVELOPMENT", ".bad domain"}};
+    LogCapture log;
+    EXPECT_EQ(manager->Login({}), kelcore::kErrorInvalidArgument);
+    const auto records = log.Records();
+    const auto logged = std::find_if(records.begin(), records.end(), [](const auto& record) { return !record.isTrace; });
+    ASSERT_NE(logged, records.end());
+    EXPECT_EQ(logged->message, "Failed to get ostrio Jwt login URL.");
+    EXPECT_EQ(logged->function, "ostriolib::OstrioAuthManager::Login");
+    // Where the build maps source paths differently, the path keeps at least its tail.
+    EXPECT_THAT(logged->sourcePath, ::testing::EndsWith("auth/src/OstrioAuthManager"));
+    EXPECT_THAT(logged->fields, ::testing::Contains(::testing::Pair("expression", "ostrioJwtLoginUrl == kelnet::URL()")));
+  }
+  manager->StoreCredentials(Record(kDayLeft));
   EXPECT_EQ(manager->Login(Hear()), kelcore::kResultAlreadySignedIn);
   EXPECT_EQ(Heard(), std::vector<int>{kelcore::kResultAlreadySignedIn});
-  EXPECT_EQ(opener->Urls().size(), 3u);
+  EXPECT_EQ(opener->Urls().size(), 3u);  // neither the bad URL nor the stored sign-in opened a page
   EXPECT_EQ(manager->GetAccessToken().View(), "at-1");
 }
 
-TEST_F(AuthManagerTest, LoginReportsASignInUrlItCannotBuild) {
-  ScopedEnvironment badDomain{{"OSTRIOLIB_DOMAIN_DEVELOPMENT", ".bad domain"}};
-  LogCapture log;
-  EXPECT_EQ(manager->Login({}), kelcore::kErrorInvalidArgument);
-  EXPECT_TRUE(opener->Urls().empty());
-  const auto records = log.Records();
-  const auto logged = std::find_if(records.begin(), records.end(), [](const auto& record) { return !record.isTrace; });
-  ASSERT_NE(logged, records.end());
-  EXPECT_EQ(logged->message, "Failed to get ostrio Jwt login URL.");
-  EXPECT_EQ(logged->function, "ostriolib::OstrioAuthManager::Login");
-  // Where the build maps source paths differently, the path keeps at least its tail.
-  EXPECT_THAT(logged->sourcePath, ::testing::EndsWith("auth/src/OstrioAuthManager"));
-  EXPECT_THAT(logged->fields, ::testing::Contains(::testing::Pair("expression", "ostrioJwtLoginUrl == kelnet::URL()")));
-  EXPECT_THAT(log.AllText(), ::testing::HasSubstr(
-      R"x(Failed to get ostrio Jwt login URL., ostrio Jwt Login URL: "", expression: "ostrioJwtLoginUrl == kelnet::URL()")x"));
-}
-
 TEST_F(AuthManagerTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
-  const std::string fragment = Record(std::to_string(kNow + 7200));
+  const std::string fragment = Record(kDayLeft);
   struct Case {
     std::string url;
     int result;
@@ -217,13 +224,11 @@ TEST_F(AuthManagerTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
 TEST_F(AuthManagerTest, LogoutClearsMemoryStoreAndCallback) {
   ASSERT_EQ(manager->Login(Hear()), 0);
   ASSERT_EQ(manager->Login({}), 0);  // an empty callback keeps the one already given
-  const std::string url = "ostrio-test://ostrio#" + Record(std::to_string(kNow + 7200));
+  const std::string url = "ostrio-test://ostrio#" + Record(kDayLeft);
   ASSERT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(url)), 0);
   EXPECT_EQ(Heard().size(), 1u);
   EXPECT_EQ(manager->Logout(), 0);
   EXPECT_EQ(Stored(), "");
-  EXPECT_EQ(manager->GetAccessToken().View(), "");
-  EXPECT_EQ(manager->GetRefreshToken().View(), "");
 
   // Signed in in memory only: sign-out still clears it, says nothing was stored, and the
   // callback the first sign-out dropped hears nothing.
@@ -244,9 +249,8 @@ TEST_F(AuthManagerTest, NothingRunsForAManagerThatIsGone) {
   manager.reset();
   release.count_down();
   EXPECT_TRUE(Heard().empty());
-
-  post.AnswerFirst(Answer(200, "Bearer " + Jwt(Claims(kNow + 86400)), "rt-2"));
-  EXPECT_EQ(kelcore::ExtractResultFromException(Outcome(pending).second), kelcore::kErrorPreconditionFailed);
+  post.AnswerFirst(Answer(200, "Bearer " + Jwt(Claims(kDayLeft)), "rt-2"));
+  EXPECT_EQ(Wait(pending).code, kelcore::kErrorPreconditionFailed);
 }
 
 // One instance while it is held; Initialize's work is done once per process, but its arguments
@@ -285,11 +289,10 @@ TEST_F(AuthManagerTest, RefreshSendsOneExactRequestAndStoresTheAnswer) {
   ScopedEnvironment caBundle{{"OSTRIOLIB_CABUNDLE", "/etc/ostrio/extra-ca.pem"}};
   manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "pr-42");
   SignIn(Record(kHourLeft, "../r t\x01"));
-  const std::string jwt = Jwt(Claims(kNow + 86400));
+  const std::string jwt = Jwt(Claims(kDayLeft));
   post.autoAnswer = [&] { return Answer(200, jwt, "rt-2"); };
-  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
-  EXPECT_EQ(manager->GetRefreshToken().View(), "rt-2");
-  EXPECT_EQ(Stored(), Record(std::to_string(kNow + 86400), "rt-2", jwt));
+  EXPECT_EQ(Refresh().token, jwt);
+  EXPECT_EQ(Stored(), Record(kDayLeft, "rt-2", jwt));
   auto requests = post.Requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].url.View(), "https://api.ostrio.test:8443/v2/auth/refresh_tokens/..%2Fr%20t%01/apply");
@@ -302,12 +305,12 @@ TEST_F(AuthManagerTest, RefreshSendsOneExactRequestAndStoresTheAnswer) {
   // The preview header belongs to development only.
   manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentStaging, "pr-42");
   SignIn(Record(kHourLeft));
-  const std::string wrapped = Jwt(R"({"SerializerWrappedObject":)" + Claims(kNow + 500) + "}");
+  const std::string wrapped = Jwt(R"({"SerializerWrappedObject":)" + Claims("500") + "}");
   const kelnet::HeaderMap repeated{{"authorization", "Bearer stale"}, {"x-refresh-token", "rt-stale"},
                                    {"authorization", "Bearer " + wrapped}, {"x-refresh-token", "rt-3"}};
   post.autoAnswer = [&] { return std::make_shared<kelnet::Response>(200, repeated, ""); };
-  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, wrapped);
-  EXPECT_EQ(Stored(), Record(std::to_string(kNow + 500), "rt-3", wrapped));
+  EXPECT_EQ(Refresh().token, wrapped);
+  EXPECT_EQ(Stored(), Record("500", "rt-3", wrapped));
   requests = post.Requests();
   ASSERT_EQ(requests.size(), 2u);
   EXPECT_EQ(requests[1].headers.count("x-preview-environment"), 0u);
@@ -317,10 +320,9 @@ TEST_F(AuthManagerTest, RefreshSendsOneExactRequestAndStoresTheAnswer) {
 // out; no verdict (no answer, a server error, throttling, a status that is neither) keeps the
 // credentials for the next caller to try again. Neither token reaches the error or the log.
 TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
-  const std::string good = "Bearer " + Jwt(Claims(kNow + 86400));
+  const std::string good = "Bearer " + Jwt(Claims(kDayLeft));
   const auto status = [&](int code) { return Answer(code, good, "rt-2"); };
   const std::string rejected = "!response->IsSuccess()";
-  const auto noToken = ::testing::Not(::testing::AnyOf(::testing::HasSubstr("at-1"), ::testing::HasSubstr("rt-1")));
   struct Case {
     std::string name;
     std::shared_ptr<kelnet::Response> answer;
@@ -337,7 +339,7 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
       {"padding", Answer(200, good, "rt=="), kelcore::kErrorRefreshRejected,
        "!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View())", true},
       {"one dot", Answer(200, "Bearer abc.def", "rt-2"), kelcore::kErrorRefreshRejected, "decodedPayload.empty()", true},
-      {"no nbf", Answer(200, "Bearer " + Jwt(Claims(kNow, "")), "rt-2"), kelcore::kErrorInvalidArgument, "", true},
+      {"no nbf", Answer(200, "Bearer " + Jwt(Claims(kDayLeft, "")), "rt-2"), kelcore::kErrorInvalidArgument, "", true},
       {"not JSON", Answer(200, "Bearer " + Jwt("{nope"), "rt-2"), kelcore::kErrorFailed, "", true},
       {"no answer", nullptr, kelcore::kErrorNoResponse, "!response", false},
       {"429", status(429), kelcore::kErrorRefreshRejected, rejected, false},
@@ -346,45 +348,37 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
       {"199", status(199), kelcore::kErrorRefreshRejected, rejected, false},
       {"302", status(302), kelcore::kErrorRefreshRejected, rejected, false},
   };
+  const auto noToken = ::testing::Not(::testing::AnyOf(HasSubstr("at-1"), HasSubstr("rt-1")));
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     SignIn(Record(kHourLeft));
     post.autoAnswer = [&] { return c.answer; };
     LogCapture log;
-    const auto [token, error] = Outcome(manager->RefreshAccessTokenIfNeeded());
-    ASSERT_TRUE(error) << token;
-    EXPECT_EQ(kelcore::ExtractResultFromException(error), c.code);
-    try {
-      std::rethrow_exception(error);
-    } catch (const kelcore::kel_exception& e) {
-      EXPECT_TRUE(c.expression.empty() || e.Expression() == c.expression) << e.Expression();
-      EXPECT_THAT(e.what(), noToken);
-    }
+    const Outcome failed = Refresh();
+    EXPECT_EQ(failed.code, c.code);
+    EXPECT_TRUE(c.expression.empty() || failed.expression == c.expression) << failed.expression;
+    EXPECT_THAT(failed.what, noToken);
     EXPECT_THAT(log.AllText(), noToken);
     EXPECT_EQ(manager->GetAccessToken().View(), c.signsOut ? "" : "at-1");
     EXPECT_EQ(manager->GetRefreshToken().View(), c.signsOut ? "" : "rt-1");
     EXPECT_EQ(Stored(), c.signsOut ? "" : Record(kHourLeft));
     if (c.signsOut) continue;
     const std::size_t sent = post.Requests().size();
-    EXPECT_TRUE(Outcome(manager->RefreshAccessTokenIfNeeded()).second);  // the next caller asks again
+    EXPECT_EQ(Refresh().code, c.code);  // the next caller asks again
     EXPECT_EQ(post.Requests().size(), sent + 1);
   }
 }
 
 TEST_F(AuthManagerTest, RefreshesThatSendNothing) {
-  const auto failure = [&] {
-    return kelcore::ExtractResultFromException(Outcome(manager->RefreshAccessTokenIfNeeded()).second);
-  };
-  EXPECT_EQ(failure(), kelcore::kErrorNotSignedIn);
+  EXPECT_EQ(Refresh().code, kelcore::kErrorNotSignedIn);
   SignIn(Record(kHourLeft, ""));
-  EXPECT_EQ(failure(), kelcore::kErrorNoRefreshToken);
+  EXPECT_EQ(Refresh().code, kelcore::kErrorNoRefreshToken);
   EXPECT_EQ(Stored(), "");
 
   SignIn(Record(kHourLeft));
   post.startResult = false;
-  EXPECT_EQ(failure(), kelcore::kErrorFailed);  // the POST could not start: no verdict, still signed in
+  EXPECT_EQ(Refresh().code, kelcore::kErrorFailed);  // the POST could not start: no verdict, still signed in
   EXPECT_EQ(manager->GetRefreshToken().View(), "rt-1");
-  EXPECT_TRUE(post.Requests().empty());
 
   // A refresh that throws before it starts leaves no claim that would answer later callers
   // with "pending".
@@ -392,9 +386,9 @@ TEST_F(AuthManagerTest, RefreshesThatSendNothing) {
   manager->SetClock([]() -> std::chrono::system_clock::time_point { throw std::runtime_error("no clock"); });
   EXPECT_THROW(manager->RefreshAccessTokenIfNeeded(), std::runtime_error);
   manager->SetClock(&Now);
-  const std::string jwt = Jwt(Claims(kNow + 86400));
+  const std::string jwt = Jwt(Claims(kDayLeft));
   post.autoAnswer = [&] { return Answer(200, "Bearer " + jwt, "rt-2"); };
-  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+  EXPECT_EQ(Refresh().token, jwt);
 }
 
 // While a refresh runs, other callers get the cached token at once, or fail when there is none;
@@ -402,22 +396,22 @@ TEST_F(AuthManagerTest, RefreshesThatSendNothing) {
 TEST_F(AuthManagerTest, OneRefreshAtATime) {
   SignIn(Record(kHourLeft));
   const auto first = manager->RefreshAccessTokenIfNeeded();
-  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, "at-1");
+  EXPECT_EQ(Refresh().token, "at-1");
   ASSERT_EQ(post.Requests().size(), 1u);
-  const std::string jwt = Jwt(Claims(kNow + 86400));
+  const std::string jwt = Jwt(Claims(kDayLeft));
   post.AnswerFirst(Answer(200, "Bearer " + jwt, "rt-2"));
-  EXPECT_EQ(Outcome(first).first, jwt);
-  EXPECT_EQ(Outcome(manager->RefreshAccessTokenIfNeeded()).first, jwt);
+  EXPECT_EQ(Wait(first).token, jwt);
+  EXPECT_EQ(Refresh().token, jwt);
   EXPECT_EQ(post.Requests().size(), 1u);
 
   SignIn(Record(kHourLeft));
   const auto pending = manager->RefreshAccessTokenIfNeeded();
   manager->Logout();
-  const auto error = Outcome(manager->RefreshAccessTokenIfNeeded()).second;
-  EXPECT_EQ(kelcore::ExtractResultFromException(error), kelcore::kErrorNotSignedIn);
-  EXPECT_EQ(kelcore::ExtractMessageFromException(error), "Refresh access token pending, with no cached access token.");
+  const Outcome refused = Refresh();
+  EXPECT_EQ(refused.code, kelcore::kErrorNotSignedIn);
+  EXPECT_EQ(refused.what, "Refresh access token pending, with no cached access token.");
   ScriptedPost::Complete(post.Requests().back().completion, Answer(401, "", ""));
-  EXPECT_TRUE(Outcome(pending).second);
+  EXPECT_EQ(Wait(pending).code, kelcore::kErrorRefreshRejected);
 }
 
 // A sign-in callback and a finishing refresh both write the tokens while other threads read them
@@ -425,8 +419,8 @@ TEST_F(AuthManagerTest, OneRefreshAtATime) {
 // reports any access that is not under the manager's lock.
 TEST_F(AuthManagerTest, SignInAndRefreshOverlapReadersSafely) {
   constexpr int kRounds = 20, kReaders = 3, kReads = 40;
-  const std::string jwt = Jwt(Claims(kNow + 86400));
-  const std::string callback = "ostrio-test://ostrio#" + Record(std::to_string(kNow + 7200), "rt-9");
+  const std::string jwt = Jwt(Claims(kDayLeft));
+  const std::string callback = "ostrio-test://ostrio#" + Record(kDayLeft, "rt-9");
   for (int round = 0; round < kRounds; ++round) {
     SignIn(Record(kHourLeft));
     const auto refresh = manager->RefreshAccessTokenIfNeeded();
@@ -435,7 +429,7 @@ TEST_F(AuthManagerTest, SignInAndRefreshOverlapReadersSafely) {
 
     std::latch start(kReaders + 2);
     std::vector<std::thread> threads;
-    std::vector<std::vector<Future<ImmutableString>>> asked(kReaders);
+    std::vector<std::vector<kelcore::async::Future<kelcore::ImmutableString>>> asked(kReaders);
     threads.emplace_back([&] {
       start.arrive_and_wait();
       manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(callback));
@@ -457,10 +451,10 @@ TEST_F(AuthManagerTest, SignInAndRefreshOverlapReadersSafely) {
     }
     for (auto& thread : threads) thread.join();
     // The refreshed token, or the signed-in one when the callback landed in between.
-    EXPECT_THAT(Outcome(refresh).first, ::testing::AnyOf(jwt, "at-1"));
+    EXPECT_THAT(Wait(refresh).token, ::testing::AnyOf(jwt, "at-1"));
     // Each caller got a token, and no claim is left for the next round.
     for (const auto& futures : asked) {
-      for (const auto& future : futures) EXPECT_FALSE(Outcome(future).first.empty());
+      for (const auto& future : futures) EXPECT_THAT(Wait(future).token, ::testing::AnyOf(jwt, "at-1"));
     }
     EXPECT_TRUE(manager->IsAccessTokenValid());
   }

@@ -93,7 +93,8 @@ TEST(FileKeychain, KeepsEachSecretInAPrivateFileAndRefusesOneOthersCanRead) {
 TEST(FileKeychain, AWriteThatFailsMidwayKeepsTheOldSecret) {
   TemporaryDirectory root;
   ASSERT_EQ(KeychainUtils::CreateFileKeychain(root.Path())->AddPassword(u"svc", u"acct", u"old", true), kResultOK);
-  ASSERT_EQ(RunChildProcess("FileKeychainChild.*", {"OSTRIO_TEST_STORE=" + root.Path().string()}), 0);
+  ScopedEnvironment child{{"OSTRIO_TEST_STORE", root.Path().string()}};
+  ASSERT_EQ(RunChildProcess("FileKeychainChild.*"), 0);
   EXPECT_EQ(KeychainUtils::CreateFileKeychain(root.Path())->GetPassword(u"svc", u"acct", true), u"old");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.Path()), {}), 1);
 }
