@@ -323,6 +323,7 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
   const std::string good = "Bearer " + Jwt(Claims(kDayLeft));
   const auto status = [&](int code) { return Answer(code, good, "rt-2"); };
   const std::string rejected = "!response->IsSuccess()";
+  const std::string carry = "!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View())";
   struct Case {
     std::string name;
     std::shared_ptr<kelnet::Response> answer;
@@ -335,9 +336,9 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
       {"401", status(401), kelcore::kErrorRefreshRejected, rejected, true},
       {"no token", Answer(200, "", "rt-2"), kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()", true},
       {"no refresh token", Answer(200, good, ""), kelcore::kErrorRefreshRejected, "refreshToken.empty()", true},
-      // Base64 padding in a refresh token: stored raw, it would make the record unreadable.
-      {"padding", Answer(200, good, "rt=="), kelcore::kErrorRefreshRejected,
-       "!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View())", true},
+      // Base64 padding in a token: stored raw, it would make the record unreadable.
+      {"padding", Answer(200, good, "rt=="), kelcore::kErrorRefreshRejected, carry, true},
+      {"padded token", Answer(200, good + "=", "rt-2"), kelcore::kErrorRefreshRejected, carry, true},
       {"one dot", Answer(200, "Bearer abc.def", "rt-2"), kelcore::kErrorRefreshRejected, "decodedPayload.empty()", true},
       {"no nbf", Answer(200, "Bearer " + Jwt(Claims(kDayLeft, "")), "rt-2"), kelcore::kErrorInvalidArgument, "", true},
       {"not JSON", Answer(200, "Bearer " + Jwt("{nope"), "rt-2"), kelcore::kErrorFailed, "", true},
