@@ -1,4 +1,4 @@
-// The platform pieces sign-in stands on: the file credential store, the store choice, the URL
+// The kelcore pieces sign-in stands on: the file credential store, the store choice, the URL
 // opener and the URL-scheme registration.
 
 #include <gtest/gtest.h>
@@ -14,14 +14,15 @@
 #include <optional>
 #include <sstream>
 
-#include "AuthTestSupport.h"
+#include "ChildProcess.h"
+#include "LogCapture.h"
+#include "ScratchFolders.h"
 #include "kelcore/KeychainUtils.h"
 #include "kelcore/OSUtilsWrapper.h"
 #include "kelcore/UrlSchemeRegistration.h"
 
 namespace kelcore {
 namespace {
-
 
 std::string ReadAll(const std::filesystem::path& path) {
   std::ifstream in(path);
@@ -75,6 +76,15 @@ TEST(FileKeychain, KeepsEachSecretInAPrivateFileAndRefusesOneOthersCanRead) {
   EXPECT_FALSE(store->RemovePassword(u"svc", u"acct", true));
   EXPECT_TRUE(store->RemovePassword(service, account, true));
   EXPECT_TRUE(std::filesystem::is_empty(directory));
+
+  // A folder reached through a link is neither written nor read through.
+  ASSERT_EQ(store->AddPassword(service, account, u"kept", true), kResultOK);
+  std::filesystem::create_directory_symlink(directory, root.Path() / "link");
+  auto linked = KeychainUtils::CreateFileKeychain(root.Path() / "link");
+  EXPECT_NE(linked->AddPassword(service, account, u"other", true), kResultOK);
+  EXPECT_EQ(linked->GetPassword(service, account, true), u"");
+  EXPECT_EQ(store->GetPassword(service, account, true), u"kept");
+  EXPECT_NE(log.AllText().find("symbolic link"), std::string::npos);
 }
 
 // A write that fails midway (here the file-size limit, as a full disk would) leaves the old
@@ -83,8 +93,8 @@ TEST(FileKeychain, KeepsEachSecretInAPrivateFileAndRefusesOneOthersCanRead) {
 TEST(FileKeychain, AWriteThatFailsMidwayKeepsTheOldSecret) {
   TemporaryDirectory root;
   ASSERT_EQ(KeychainUtils::CreateFileKeychain(root.Path())->AddPassword(u"svc", u"acct", u"old", true), kResultOK);
-  ASSERT_EQ(ostriolib::testing::RunInNewProcess("FileKeychainChild.*", {"OSTRIO_TEST_STORE=" + root.Path().string()}),
-            0);
+  ScopedEnvironment child{{"OSTRIO_TEST_STORE", root.Path().string()}};
+  ASSERT_EQ(RunChildProcess("FileKeychainChild.*"), 0);
   EXPECT_EQ(KeychainUtils::CreateFileKeychain(root.Path())->GetPassword(u"svc", u"acct", true), u"old");
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(root.Path()), {}), 1);
 }
