@@ -57,7 +57,7 @@ describe('server and fault injection', { timeout: 90000 }, () => {
 
   it('logs what crossed the wire, in order, except its own control traffic', async () => {
     await emu.control('DELETE', '/requests');
-    await emu.graphql(Q.CurrentUser, undefined, token);
+    await emu.graphql(Q.CurrentUser, undefined, token, { 'X-Custom-Header': 'One' });
     const binary = Buffer.from([0xff, 0xfe, 0x00, 0x41]);
     await emu.request('api', 'POST', '/graphql', { headers: { 'content-type': 'application/json' }, body: binary });
     const client = emu.connectH2('accounts');
@@ -66,6 +66,7 @@ describe('server and fault injection', { timeout: 90000 }, () => {
     const log = await emu.requests();
     assert.deepEqual(log.map((e) => [e.method, e.path, e.status]), [['POST', '/graphql', 200], ['POST', '/graphql', 400], ['GET', '/welcome', 200]]);
     const [first, second, third] = log;
+    assert.deepEqual(first.headers.find(([n]) => n === 'x-custom-header'), ['x-custom-header', 'One']);
     assert.deepEqual([first.body, first.bodyBase64, first.httpVersion], [JSON.stringify({ query: Q.CurrentUser }), undefined, '1.1']);
     assert.deepEqual(first.graphql, { operationName: null, known: 'CurrentUser', firstDifference: null, closest: 'CurrentUser' });
     assert.deepEqual([second.bodyBase64, second.graphql], [binary.toString('base64'), null]);

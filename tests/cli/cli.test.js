@@ -81,6 +81,7 @@ test('login signs in through the browser and `ostrio callback`', async () => {
   const me = await ostrioJson(env, ['login', '--timeout', '60']);
   const avatar = `https://media${emulator.info.suffix}/media/${user.id}/avatar.jpg`;
   assert.deepEqual({ ...me, profileImageUrl: me.profileImageUrl.replace(/\?.*/, '') }, { id: user.id, typeName: 'AuthenticatedUser', name: user.name, email: user.email, profileImageUrl: avatar });
+  assert.match((await ostrio(env, ['status'])).stdout, /^Signed in; the access token is valid for (1 h 59|2 h 0) min\.\n$/);
   const again = await ostrio(env, ['login']);
   assert.equal(again.code, 0, again.stderr);
   assert.match(again.stdout, /Already signed in/);

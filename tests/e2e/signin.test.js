@@ -23,13 +23,12 @@ test('a person signs in in Chromium and the scheme redirect signs ostrio in', as
   cleanup.push(() => browser.close());
   const login = startLogin(cli.env);
   cleanup.push(() => login.child.exitCode === null && login.child.kill('SIGKILL'));
-  const address = await login.address;
 
   const page = await (await browser.newContext({ ignoreHTTPSErrors: true })).newPage();
   const redirect = new Promise((resolve) => page.on('response', (response) => {
     if (response.request().method() === 'POST' && response.status() === 302) resolve(response.headers().location);
   }));
-  await page.goto(address);
+  await page.goto(await login.address);
   await page.getByRole('button', { name: 'Sign in' }).click();
   const location = await redirect;
 
