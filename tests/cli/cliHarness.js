@@ -1,17 +1,16 @@
 'use strict';
 
 // Runs the real ostrio binary against an emulator, the way a person's shell would: every setting
-// through the environment, a private state folder and XDG folders per suite.
+// through the environment, a private state folder and XDG folders per emulator.
 
 const { spawn } = require('node:child_process');
-const crypto = require('node:crypto');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
+const { startEmulator } = require('../../emulator/harness');
 
 const OSTRIO = process.env.OSTRIO_BIN;
-const SOURCE_DIR = path.resolve(__dirname, '..', '..');
-const APPROVE = path.join(SOURCE_DIR, 'tools', 'ostrio', 'approve-signin');
+const APPROVE = path.resolve(__dirname, '..', '..', 'tools', 'ostrio', 'approve-signin');
 const RUN_LIMIT_MS = 120000;
 
 if (!OSTRIO) throw new Error('OSTRIO_BIN must name the ostrio binary');
@@ -24,9 +23,11 @@ function sanitizerOptions() {
   return options;
 }
 
-// A private home for one suite: the library's state (file credential store), the desktop files
-// the scheme registration writes, and the emulator it talks to.
-function cliEnvironment(emulator, extra = {}) {
+// An emulator started with `args` and a private home for the CLI that talks to it: the library's
+// state (file credential store) and the desktop files the scheme registration writes.
+// stop() ends the emulator and removes the home.
+async function startCli(args = [], extraEnv = {}) {
+  const emulator = await startEmulator(args);
   const home = fs.mkdtempSync(path.join(os.tmpdir(), 'ostrio-cli-'));
   const env = {
     PATH: process.env.PATH,
@@ -41,24 +42,32 @@ function cliEnvironment(emulator, extra = {}) {
     OSTRIOLIB_BROWSER: `${APPROVE} %u`,
     OSTRIO_BIN: OSTRIO,
     ...sanitizerOptions(),
-    ...extra,
+    ...extraEnv,
   };
-  return { home, env };
+  return {
+    emulator, home, env,
+    async stop() {
+      await emulator.stop();
+      fs.rmSync(home, { recursive: true, force: true });
+    },
+  };
 }
 
-// Resolves with {code, stdout, stderr}; never rejects on a failing exit.
-function ostrio(env, args, { limitMs = RUN_LIMIT_MS } = {}) {
-  return new Promise((resolve, reject) => {
-    const child = spawn(OSTRIO, args, { env, stdio: ['ignore', 'pipe', 'pipe'] });
-    let stdout = '';
-    let stderr = '';
-    child.stdout.setEncoding('utf8').on('data', (d) => { stdout += d; });
-    child.stderr.setEncoding('utf8').on('data', (d) => { stderr += d; });
-    const timer = setTimeout(() => { child.kill('SIGKILL'); reject(new Error(`ostrio ${args.join(' ')} did not end; stderr: ${stderr}`)); }, limitMs);
+// Starts `command args`; `exited` resolves with {code, stdout, stderr}, never rejects on a failing exit.
+function launch(command, args, env) {
+  const child = spawn(command, args, { env, stdio: ['ignore', 'pipe', 'pipe'] });
+  const run = { child, stdout: '', stderr: '' };
+  child.stdout.setEncoding('utf8').on('data', (d) => { run.stdout += d; });
+  child.stderr.setEncoding('utf8').on('data', (d) => { run.stderr += d; });
+  run.exited = new Promise((resolve, reject) => {
+    const timer = setTimeout(() => { child.kill('SIGKILL'); reject(new Error(`${args.join(' ')} did not end; stderr: ${run.stderr}`)); }, RUN_LIMIT_MS);
     child.on('error', reject);
-    child.on('close', (code) => { clearTimeout(timer); resolve({ code, stdout, stderr }); });
+    child.on('close', (code) => { clearTimeout(timer); resolve({ code, stdout: run.stdout, stderr: run.stderr }); });
   });
+  return run;
 }
+
+const ostrio = (env, args) => launch(OSTRIO, args, env).exited;
 
 // As ostrio(), for a run that must succeed with one JSON document on stdout.
 async function ostrioJson(env, args) {
@@ -67,20 +76,18 @@ async function ostrioJson(env, args) {
   return JSON.parse(run.stdout);
 }
 
-// The emulator's media: byte i of a resource is (i + seed) % 251.
-function mediaDigest(size, seed) {
-  const hash = crypto.createHash('sha256');
-  const chunk = Buffer.alloc(Math.min(size, 1 << 20));
-  for (let done = 0; done < size; done += chunk.length) {
-    const n = Math.min(chunk.length, size - done);
-    for (let i = 0; i < n; i++) chunk[i] = (done + i + seed) % 251;
-    hash.update(chunk.subarray(0, n));
-  }
-  return hash.digest('hex');
+// `ostrio --json login --no-browser` in the background; `address` resolves with the sign-in page
+// it prints.
+function startLogin(env) {
+  const login = launch(OSTRIO, ['--json', 'login', '--no-browser', '--timeout', '120'], env);
+  login.address = new Promise((resolve, reject) => {
+    login.child.stderr.on('data', () => {
+      const found = login.stderr.match(/https:\/\/accounts\S+/);
+      if (found) resolve(found[0]);
+    });
+    login.exited.then((run) => reject(new Error(`login ended before printing the address: ${run.stderr}`)), reject);
+  });
+  return login;
 }
 
-function fileDigest(file) {
-  return crypto.createHash('sha256').update(fs.readFileSync(file)).digest('hex');
-}
-
-module.exports = { OSTRIO, APPROVE, SOURCE_DIR, cliEnvironment, ostrio, ostrioJson, mediaDigest, fileDigest };
+module.exports = { OSTRIO, startCli, launch, ostrio, ostrioJson, startLogin };
