@@ -128,13 +128,21 @@ TEST_F(OstrioClientTest, ConcurrentQueriesAcrossExpiryAndSignOut) {
   EXPECT_EQ(completed, kThreads * kPerThread);
 }
 
-// Downloads driven chunk by chunk: what reaches the file and what the future says, for each way
-// a download can end.
+// Downloads driven chunk by chunk: the links asked for, what reaches the file and what the future
+// says, for each way a download can end.
 TEST_F(OstrioClientTest, DownloadsLandChunksAtTheirOffsetsAndSayHowTheyEnded) {
   auto service = Prepared();
   ASSERT_TRUE(service);
   const std::string target = scratch.Path() / "download", url = "https://media.example/video.mp4";
   const auto status = [](int code) { return std::make_shared<kelnet::Response>(code, kelnet::HeaderMap{}, ""); };
+  // The rendition links are asked with the documents the emulator knows.
+  auth->answerAtOnce = "token-1";
+  for (auto [rendition, document] : {std::pair{Original, "GetDownloadURL"}, {Thumbnail, "ThumbnailImageUrl"}}) {
+    Outcome(client->GetAssetURL({}, rendition));
+    std::lock_guard lock(service->mutex);
+    ASSERT_FALSE(service->queries.empty());
+    EXPECT_EQ(service->queries.back(), KnownQuery(document));
+  }
   // URL, target, whether a request goes out and its answer; the result and message.
   const std::vector<std::tuple<std::string, std::string, bool, std::shared_ptr<kelnet::Response>, int, const char*>> cases = {
       {"", target, false, nullptr, kelcore::kErrorInvalidArgument, "Invalid URL"},
