@@ -10,7 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <regex>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -82,9 +82,7 @@ kelcore::kel_exception Outcome(const kelcore::async::Future<T>& future) {
 // requests against byte for byte.
 inline std::string KnownQuery(const std::string& name) {
   std::ifstream file(std::string(OSTRIO_EMULATOR_DIR) + "/lib/knownQueries.js");
-  std::stringstream text;
-  text << file.rdbuf();
-  const std::string source = text.str();
+  const std::string source{std::istreambuf_iterator<char>(file), {}};
   std::smatch found;
   const std::regex entry(name + R"re(:\s*\n\s*"([^"]*)")re");
   return std::regex_search(source, found, entry) ? found[1].str() : "<no document named " + name + ">";

@@ -17,7 +17,7 @@
 namespace ostriolib {
 namespace {
 
-using kelscripting::RecordingScriptEngine;
+using Recorded = kelscripting::RecordingScriptEngine;
 
 class ScriptObjectsTest : public ::testing::Test {
  protected:
@@ -37,13 +37,12 @@ class ScriptObjectsTest : public ::testing::Test {
   }
 
   static inline TemporaryDirectory scratch;
-  std::shared_ptr<RecordingScriptEngine> engine = std::make_shared<RecordingScriptEngine>();
+  std::shared_ptr<Recorded> engine = std::make_shared<Recorded>();
   std::shared_ptr<kelcore::async::MainThreadRunLoop> mainLoop = std::make_shared<kelcore::async::MainThreadRunLoop>();
   std::shared_ptr<FakeAuthManager> auth = std::make_shared<FakeAuthManager>();
 };
 
 TEST_F(ScriptObjectsTest, OneRefreshPerObjectAtATimeAndOnlyWhileItRuns) {
-  using Recorded = RecordingScriptEngine;
   auto object = kelscripting::ObjectFactory::Make<OstrioClientObject>(
       engine, kelcore::classref::InterfaceRef<IOstrioAuthManager>(auth));
   const auto first = object->RefreshAccessToken();
