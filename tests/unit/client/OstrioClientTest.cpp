@@ -64,7 +64,7 @@ TEST_F(OstrioClientTest, OneTokenRequestAtATimeAndAServiceOnlyOnceOneStarts) {
   auto first = client->GetCurrentUser();
   auto second = client->GetUserAccounts();
   EXPECT_EQ(Outcome(second).GetResult(), kelcore::kErrorNotSignedIn);
-  EXPECT_EQ(auth->TokenRequestCount(), 3u);
+  ASSERT_EQ(auth->TokenRequestCount(), 3u);
   auth->AnswerToken("token-1");
   EXPECT_EQ(Outcome(first).GetResult(), 0);
   ASSERT_EQ(provider->Created().size(), 2u);
@@ -73,7 +73,7 @@ TEST_F(OstrioClientTest, OneTokenRequestAtATimeAndAServiceOnlyOnceOneStarts) {
   auto third = client->GetWorkspaceCount(kelcore::utility::Guid());
   auto fourth = client->RunQuery(kelcore::ToU8Str("{ me { id } }"), {});
   EXPECT_EQ(Outcome(fourth).GetResult(), 0);
-  EXPECT_EQ(auth->TokenRequestCount(), 4u);
+  ASSERT_EQ(auth->TokenRequestCount(), 4u);
   auth->AnswerToken("token-2");
   EXPECT_EQ(Outcome(third).GetResult(), 0);
   auto service = provider->Created()[1];

@@ -47,7 +47,7 @@ TEST_F(ScriptObjectsTest, OneRefreshPerObjectAtATimeAndOnlyWhileItRuns) {
       engine, kelcore::classref::InterfaceRef<IOstrioAuthManager>(auth));
   const auto first = object->RefreshAccessToken();
   EXPECT_EQ(Recorded::Settled(object->RefreshAccessToken()), "resolved ");  // at once, with the token current then
-  EXPECT_EQ(auth->TokenRequestCount(), 1u);
+  ASSERT_EQ(auth->TokenRequestCount(), 1u);
   EXPECT_EQ(Recorded::Settled(first), "pending");
   auth->AnswerToken("fresh");
   EXPECT_EQ(Recorded::Settled(first), "resolved fresh");
@@ -55,7 +55,7 @@ TEST_F(ScriptObjectsTest, OneRefreshPerObjectAtATimeAndOnlyWhileItRuns) {
   // Settled, the marker is gone: the next call asks again. A refresh that outlives its object
   // rejects its promise.
   const auto orphan = object->RefreshAccessToken();
-  EXPECT_EQ(auth->TokenRequestCount(), 2u);
+  ASSERT_EQ(auth->TokenRequestCount(), 2u);
   object.reset();
   auth->AnswerToken("late");
   EXPECT_EQ(Recorded::Settled(orphan),
