@@ -1,12 +1,16 @@
 #pragma once
 // The service double: records the tokens it was given and the queries it was asked, answers each
 // query at once with a scripted body (or with no response at all), and holds each download until
-// the test drives it. Outcome reads how an operation on it (or on anything else) ended.
+// the test drives it. Outcome reads how an operation on it (or on anything else) ended; KnownQuery
+// is a document as the emulator knows it.
 
 #include <deque>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <regex>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -72,6 +76,16 @@ kelcore::kel_exception Outcome(const kelcore::async::Future<T>& future) {
     return e;
   }
   return kelcore::kel_exception(0);
+}
+
+// The document of that name in the emulator's list of known documents, the one it checks live
+// requests against byte for byte.
+inline std::string KnownQuery(const std::string& name) {
+  std::ifstream file(std::string(OSTRIO_EMULATOR_DIR) + "/lib/knownQueries.js");
+  const std::string source{std::istreambuf_iterator<char>(file), {}};
+  std::smatch found;
+  const std::regex entry(name + R"re(:\s*\n\s*"([^"]*)")re");
+  return std::regex_search(source, found, entry) ? found[1].str() : "<no document named " + name + ">";
 }
 
 }  // namespace ostriolib

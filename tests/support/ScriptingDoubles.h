@@ -3,7 +3,6 @@
 // records the root events queued to it.
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -12,26 +11,16 @@
 
 namespace kelscripting {
 
+// Both settle and record on the thread that drives them: the script objects settle inline and
+// queue events from the main loop the test runs.
 class RecordingPromise final : public IPromiseBackend {
  public:
-  void Resolve(ScriptValue value) override { Settle("resolved " + value.AsString()); }
-  void Reject(ScriptValue) override { Settle("rejected"); }
+  void Resolve(ScriptValue value) override { settled = "resolved " + value.AsString(); }
+  void Reject(ScriptValue) override { settled = "rejected"; }
   void RejectWithError(std::string message, kelcore::Result code) override {
-    Settle("failed " + std::to_string(code) + " " + message);
+    settled = "failed " + std::to_string(code) + " " + message;
   }
-  // "pending", "resolved <text>", "rejected" or "failed <code> <message>".
-  std::string Settled() const {
-    std::lock_guard lock(mutex_);
-    return settled_;
-  }
-
- private:
-  void Settle(std::string settled) {
-    std::lock_guard lock(mutex_);
-    settled_ = std::move(settled);
-  }
-  mutable std::mutex mutex_;
-  std::string settled_ = "pending";
+  std::string settled = "pending";  // or "resolved <text>", "rejected", "failed <code> <message>"
 };
 
 class RecordingScriptEngine final : public IScriptEngine, public IScriptContext {
@@ -39,22 +28,13 @@ class RecordingScriptEngine final : public IScriptEngine, public IScriptContext 
   std::shared_ptr<IPromiseBackend> CreatePromise() override { return std::make_shared<RecordingPromise>(); }
   // How a NativePromise this engine made has settled so far.
   static std::string Settled(const std::shared_ptr<NativePromise>& promise) {
-    return std::dynamic_pointer_cast<RecordingPromise>(promise->Backend())->Settled();
+    return std::dynamic_pointer_cast<RecordingPromise>(promise->Backend())->settled;
   }
   bool QueueRootEvent(RootEvent event) override {
-    std::lock_guard lock(mutex_);
-    events_.push_back(event.className + "." + event.eventName);
+    events.push_back(event.className + "." + event.eventName);
     return true;
   }
-  // "<class>.<event>" in the order queued.
-  std::vector<std::string> Events() const {
-    std::lock_guard lock(mutex_);
-    return events_;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::string> events_;
+  std::vector<std::string> events;  // "<class>.<event>" in the order queued
 };
 
 }  // namespace kelscripting

@@ -8,9 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
-#include <regex>
-#include <sstream>
 
 #include "FakeService.h"
 #include "TransportTestSupport.h"
@@ -40,16 +37,6 @@ Started Start(const kelcore::async::Future<T>& future) {
 }
 Started Generic(const Service& service) {
   return Start(OstrioDictionaryResource::GenericQuery(service, kelcore::ToU8Str("{ me { id } }"), {}));
-}
-
-std::string KnownQuery(const std::string& name) {
-  std::ifstream file(std::string(OSTRIO_EMULATOR_DIR) + "/lib/knownQueries.js");
-  std::stringstream text;
-  text << file.rdbuf();
-  const std::string source = text.str();
-  std::smatch found;
-  const std::regex entry(name + R"re(:\s*\n\s*"([^"]*)")re");
-  return std::regex_search(source, found, entry) ? found[1].str() : "<no document named " + name + ">";
 }
 
 // Every value the request has for the header, comma-joined: "" when absent, "a,a" when doubled.
@@ -197,9 +184,7 @@ TEST_F(ServiceTest, AnswersAreJudgedByStatusContentTypeAndGraphQLErrors) {
     const int notifiedBefore = *unauthenticated;
     auto resource = OstrioDictionaryResource::CreateClassRef();
     auto query = service->Query(kelcore::ToU8Str("{ me { id } }"), {});
-    kelnet::HeaderMap headers;
-    if (contentType) headers.emplace("content-type", contentType);
-    ASSERT_TRUE(Answer(body, status, headers));
+    ASSERT_TRUE(Answer(body, status, contentType ? kelnet::HeaderMap{{"content-type", contentType}} : kelnet::HeaderMap{}));
     ASSERT_TRUE(query.WaitFor(kHangGuard));
     EXPECT_EQ(resource->SetServerResponse(query.Get(), service.Query<kelappsupport::cloudservice::IService>()), result);
     EXPECT_EQ(*unauthenticated - notifiedBefore, notified ? 1 : 0);
@@ -292,6 +277,8 @@ TEST(RecordsTest, RecordsTakeWhatTheAnswerHoldsAndDefaultsForTheRest) {
        "11|Workspace|W;next=c9"},
       {workspaces, R"({"data":{"account":{"workspaces":{"pageInfo":{"endCursor":"c9","hasNextPage":"true"}}}}})",
        "next="},
+      {[](const Service& s) { return std::to_string(OstrioProjectList::GetProjectCount(s, {}).Get()); },
+       R"({"data":{"workspace":{"projects":{"totalCount":7}}}})", "7"},
   };
   auto service = kelcore::classref::AllocateClassInstance<FakeService>();
   for (const auto& [read, body, expected] : cases) {
