@@ -1,7 +1,7 @@
 #pragma once
 // Test doubles for the request pipeline: a transport whose requests the test answers by hand, a
-// scheduler whose clock only moves when the test says so, and a sink that checks every
-// downloaded byte at its offset without keeping the bytes.
+// scheduler whose clock only moves when the test says so, a sink that checks every downloaded
+// byte at its offset without keeping the bytes, and a bounded wait for one request's outcome.
 
 #include <gtest/gtest.h>
 
@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -23,11 +24,10 @@ using kelappsupport::cloudservice::IRetryScheduler;
 using kelappsupport::cloudservice::ITransport;
 using kelcore::utility::Guid;
 
-constexpr int kPatternModulus = 251;  // the emulator's media pattern: byte i is i % 251
+inline constexpr auto kHangGuard = std::chrono::minutes(5);  // only stops a broken test from hanging
 
 struct FakeRequest {
   Guid id;
-  bool streaming = false;
   kelnet::Completion completion;
   kelnet::DataCallback onData;
   std::string url;
@@ -52,32 +52,24 @@ class FakeTransport : public ITransport {
   bool Post(const Guid& id, kelnet::Completion completion, const kelcore::ImmutableString& url,
             std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,
             const kelnet::Configuration& configuration) override {
-    return Add(id, false, nullptr, std::move(completion), url, std::move(body), headers, configuration);
+    return Add({id, std::move(completion), nullptr, url.ToStdString(), headers, std::move(body), configuration});
   }
   bool StreamingGet(const Guid& id, kelnet::DataCallback onData, kelnet::Completion completion,
                     const kelcore::ImmutableString& url, const kelnet::HeaderMap& headers,
                     const kelnet::Configuration& configuration) override {
-    return Add(id, true, std::move(onData), std::move(completion), url, nullptr, headers, configuration);
+    return Add({id, std::move(completion), std::move(onData), url.ToStdString(), headers, nullptr, configuration});
   }
   void Cancel(const Guid& id) override {
     std::lock_guard lock(mutex);
-    for (auto& request : pending) {
-      if (request->id == id) request->cancelled = true;
-    }
+    for (auto& request : pending) request->cancelled = request->cancelled || request->id == id;
   }
 
-  // Oldest (or newest) unanswered request, taken out of the pending list.
+  // Oldest (or newest) unanswered request, taken out of the pending list; null when none.
   FakeRequestPtr Take(bool newest = false) {
     std::lock_guard lock(mutex);
     if (pending.empty()) return nullptr;
-    FakeRequestPtr request;
-    if (newest) {
-      request = pending.back();
-      pending.pop_back();
-    } else {
-      request = pending.front();
-      pending.pop_front();
-    }
+    FakeRequestPtr request = newest ? pending.back() : pending.front();
+    newest ? pending.pop_back() : pending.pop_front();
     return request;
   }
 
@@ -111,18 +103,8 @@ class FakeTransport : public ITransport {
   bool refuse = false;
 
  private:
-  bool Add(const Guid& id, bool streaming, kelnet::DataCallback onData, kelnet::Completion completion,
-           const kelcore::ImmutableString& url, std::shared_ptr<const kelcore::allocator::RecycledMemory> body,
-           const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration) {
-    auto request = std::make_shared<FakeRequest>();
-    request->id = id;
-    request->streaming = streaming;
-    request->onData = std::move(onData);
-    request->completion = std::move(completion);
-    request->url = url.ToStdString();
-    request->headers = headers;
-    request->body = std::move(body);
-    request->configuration = configuration;
+  bool Add(FakeRequest added) {
+    auto request = std::make_shared<FakeRequest>(std::move(added));
     std::lock_guard lock(mutex);
     if (refuse) return false;
     pending.push_back(request);
@@ -133,127 +115,89 @@ class FakeTransport : public ITransport {
   }
 };
 
-// Time stands still until the test runs the timers; every requested delay is kept.
+// Time stands still until the test runs the timers; every requested delay is kept. Test thread only.
 class FakeScheduler : public IRetryScheduler {
  public:
-  std::chrono::steady_clock::time_point Now() override {
-    std::lock_guard lock(mutex);
-    return now;
-  }
+  std::chrono::steady_clock::time_point Now() override { return now; }
+  std::chrono::system_clock::time_point WallNow() override { return wall; }
   bool ScheduleAfter(std::chrono::milliseconds delay, std::function<void()> task) override {
-    std::lock_guard lock(mutex);
     delays.push_back(delay);
     timers.emplace(now + delay, std::move(task));
     return true;
   }
-  double Jitter() override { return jitter; }
-  // The wall clock moves with the steady one, from wherever the test sets it.
-  std::chrono::system_clock::time_point WallNow() override {
-    std::lock_guard lock(mutex);
-    return wallAtStart + (now - std::chrono::steady_clock::time_point{});
-  }
-  void SetWallNow(std::chrono::system_clock::time_point wall) {
-    std::lock_guard lock(mutex);
-    wallAtStart = wall - (now - std::chrono::steady_clock::time_point{});
-  }
+  double Jitter() override { return 0.5; }
 
   // Runs the earliest timer, moving the clock to its time; false when none is left.
   bool RunNext() {
-    std::function<void()> task;
-    {
-      std::lock_guard lock(mutex);
-      if (timers.empty()) return false;
-      now = std::max(now, timers.begin()->first);
-      task = std::move(timers.begin()->second);
-      timers.erase(timers.begin());
-    }
+    if (timers.empty()) return false;
+    now = std::max(now, timers.begin()->first);
+    auto task = std::move(timers.begin()->second);
+    timers.erase(timers.begin());
     task();
     return true;
   }
 
-  std::mutex mutex;
   std::chrono::steady_clock::time_point now{};
+  std::chrono::system_clock::time_point wall{};  // set by the test before the first request
   std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> timers;
   std::vector<std::chrono::milliseconds> delays;
-  double jitter = 0.5;
-  std::chrono::system_clock::time_point wallAtStart{};
 };
 
-// Checks each chunk against the pattern at its offset and keeps only which ranges arrived, so
-// a download of any size is verified byte by byte in constant memory.
+// Checks each chunk against the emulator's media pattern (byte i is i % 251) at its offset and
+// keeps only the ranges that arrived (a chunk right after the end of one extends it), so a
+// download of any size is verified byte by byte in constant memory.
 class PatternSink {
  public:
-  explicit PatternSink(int seed = 0) : seed_(seed) {
-    pattern_.resize(kChunk + kPatternModulus);
-    for (std::size_t i = 0; i < pattern_.size(); ++i) pattern_[i] = static_cast<unsigned char>(i % kPatternModulus);
-  }
-
   void OnData(const void* data, std::size_t offset, std::size_t size) {
+    static const std::vector<unsigned char> pattern = [] {
+      std::vector<unsigned char> bytes(kSpan + 251);
+      for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i % 251);
+      return bytes;
+    }();
     std::lock_guard lock(mutex_);
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    for (std::size_t done = 0; done < size;) {
-      const std::size_t n = std::min(kChunk, size - done);
-      const std::size_t start = (offset + done + static_cast<std::size_t>(seed_)) % kPatternModulus;
-      if (std::memcmp(bytes + done, pattern_.data() + start, n) != 0) ++wrongChunks_;
-      done += n;
+    for (std::size_t done = 0; done < size; done += kSpan) {
+      const auto* bytes = static_cast<const unsigned char*>(data) + done;
+      wrong_ += std::memcmp(bytes, pattern.data() + (offset + done) % 251, std::min(kSpan, size - done)) != 0;
     }
-    bytes_ += size;
-    // Coverage as merged intervals: an overlap means a byte came twice.
     auto next = covered_.upper_bound(offset);
-    if (next != covered_.begin()) {
-      auto previous = std::prev(next);
-      if (previous->second > offset) ++overlaps_;
+    if (next != covered_.begin() && std::prev(next)->second == offset) {
+      std::prev(next)->second += size;
+    } else {
+      wrong_ += !covered_.emplace(offset, offset + size).second;
     }
-    if (next != covered_.end() && next->first < offset + size) ++overlaps_;
-    std::size_t start = offset;
-    std::size_t end = offset + size;
-    if (next != covered_.begin()) {
-      auto previous = std::prev(next);
-      if (previous->second == start) {
-        start = previous->first;
-        covered_.erase(previous);
-      }
-    }
-    next = covered_.find(end);
-    if (next != covered_.end()) {
-      end = next->second;
-      covered_.erase(next);
-    }
-    covered_[start] = end;
   }
 
   // Every byte of [0, total) arrived exactly once and matched the pattern.
   ::testing::AssertionResult Complete(std::size_t total) {
     std::lock_guard lock(mutex_);
-    if (wrongChunks_) return ::testing::AssertionFailure() << wrongChunks_ << " chunk(s) with wrong bytes";
-    if (overlaps_) return ::testing::AssertionFailure() << overlaps_ << " overlapping chunk(s)";
-    if (bytes_ != total) return ::testing::AssertionFailure() << bytes_ << " bytes of " << total;
-    if (total && (covered_.size() != 1 || covered_.begin()->first != 0 || covered_.begin()->second != total)) {
-      return ::testing::AssertionFailure() << "gaps: " << covered_.size() << " covered range(s)";
+    std::size_t at = 0;
+    for (const auto& [start, end] : covered_) {
+      if (start != at) return ::testing::AssertionFailure() << (start < at ? "repeated" : "missing") << " bytes at " << at;
+      at = end;
     }
-    return ::testing::AssertionSuccess();
-  }
-
-  std::size_t Bytes() {
-    std::lock_guard lock(mutex_);
-    return bytes_;
-  }
-
-  void Reset() {
-    std::lock_guard lock(mutex_);
-    covered_.clear();
-    bytes_ = wrongChunks_ = overlaps_ = 0;
+    if (wrong_ == 0 && at == total) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << wrong_ << " wrong chunk(s), " << at << " bytes of " << total;
   }
 
  private:
-  static constexpr std::size_t kChunk = 64 * 1024;
-  int seed_;
-  std::vector<unsigned char> pattern_;
+  static constexpr std::size_t kSpan = 64 * 1024;
   std::mutex mutex_;
   std::map<std::size_t, std::size_t> covered_;
-  std::size_t bytes_ = 0;
-  std::size_t wrongChunks_ = 0;
-  std::size_t overlaps_ = 0;
+  std::size_t wrong_ = 0;
+};
+
+// The outcome of one request, awaited by the test thread; a lost completion fails the test.
+struct Awaited {
+  std::promise<std::shared_ptr<kelnet::Response>> promise;
+  std::future<std::shared_ptr<kelnet::Response>> future = promise.get_future();
+  kelnet::Completion Completion() {
+    return [this](const Guid&, const std::shared_ptr<kelnet::Response>& response) { promise.set_value(response); };
+  }
+  std::shared_ptr<kelnet::Response> Get() {
+    if (future.wait_for(kHangGuard) == std::future_status::ready) return future.get();
+    ADD_FAILURE() << "request never completed";
+    return nullptr;
+  }
 };
 
 }  // namespace transport_test
