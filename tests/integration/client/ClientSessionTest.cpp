@@ -131,7 +131,7 @@ TEST_F(ClientSessionTest, TwoGibibytesLandWholeInFlatMemory) {
   // Sanitizers keep shadow memory of their own: the bound holds in plain builds.
   EXPECT_LT(kSanitized ? 0 : after.ru_maxrss - before.ru_maxrss, 64 * 1024) << "KiB of peak memory grew";
   // Every byte of the emulator's media pattern (byte i is i % 251) there once, none wrong.
-  transport_test::PatternSink sink(0);
+  transport_test::PatternSink sink;
   std::ifstream in(target, std::ios::binary);
   std::vector<char> block(1 << 20);
   for (std::size_t offset = 0; in.read(block.data(), static_cast<std::streamsize>(block.size())) || in.gcount() > 0;) {
