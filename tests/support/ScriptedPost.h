@@ -41,8 +41,6 @@ class ScriptedPost {
         [completion = std::move(completion), response] { completion(kelcore::utility::Guid(), response); });
   }
 
-  void AnswerFirst(std::shared_ptr<kelnet::Response> response) { Complete(Requests().at(0).completion, response); }
-
   std::vector<Request> Requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
