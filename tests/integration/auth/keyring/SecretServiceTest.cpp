@@ -13,7 +13,6 @@
 namespace ostriolib {
 namespace {
 
-using kelcore::KeychainUtils;
 using kelcore::classref::AllocateClassInstance;
 
 constexpr char16_t kService[] = u"com.corvane.ostrio.keyring-test";
@@ -29,7 +28,7 @@ int RunChild(bool stored) {
 TEST(SecretService, WhatOneProcessStoresANewProcessReadsBack) {
   TemporaryDirectory state;
   ScopedEnvironment environment{{"OSTRIOLIB_KEYCHAIN", "auto"}, {"OSTRIOLIB_STATEDIR", state.Path().string()}};
-  auto store = KeychainUtils::CreateSecretServiceKeychain();
+  auto store = kelcore::KeychainUtils::CreateSecretServiceKeychain();
   ASSERT_TRUE(store) << "no usable Secret Service: run this through with-secret-service.sh";
   ASSERT_EQ(store->AddPassword(kService, kAccount, u"replaced", true), 0);
   ASSERT_EQ(store->AddPassword(kService, kAccount, kSecret, true), 0);
@@ -42,6 +41,7 @@ TEST(SecretService, WhatOneProcessStoresANewProcessReadsBack) {
   EXPECT_FALSE(std::filesystem::exists(state.Path() / "credentials"));
   EXPECT_TRUE(store->RemovePassword(kService, kAccount, true));
   EXPECT_TRUE(store->RemovePassword(kService, kAccount, false));
+  EXPECT_FALSE(store->RemovePassword(kService, kAccount, true));
   EXPECT_EQ(RunChild(false), 0);
 }
 
@@ -49,7 +49,7 @@ TEST(SecretService, WhatOneProcessStoresANewProcessReadsBack) {
 // and no error, just like a missing one: the store says so in a warning, and a collection that
 // cannot be unlocked (no prompt without a display) is not chosen at all.
 TEST(SecretService, ALockedCollectionReadsAsEmptyWithAWarningAndIsNotChosen) {
-  auto store = KeychainUtils::CreateSecretServiceKeychain();
+  auto store = kelcore::KeychainUtils::CreateSecretServiceKeychain();
   ASSERT_TRUE(store);
   ASSERT_EQ(store->AddPassword(kService, kAccount, kSecret, true), 0);
   ASSERT_EQ(std::system("gdbus call --session --dest org.freedesktop.secrets --object-path /org/freedesktop/secrets "
@@ -59,11 +59,11 @@ TEST(SecretService, ALockedCollectionReadsAsEmptyWithAWarningAndIsNotChosen) {
   LogCapture log;
   EXPECT_EQ(store->GetPassword(kService, kAccount, true), u"");
   EXPECT_NE(log.AllText().find("is locked"), std::string::npos) << log.AllText();
-  EXPECT_FALSE(KeychainUtils::CreateSecretServiceKeychain(std::chrono::seconds(5), std::chrono::seconds(10)));
+  EXPECT_FALSE(kelcore::KeychainUtils::CreateSecretServiceKeychain(std::chrono::seconds(5), std::chrono::seconds(10)));
 }
 
 TEST(SecretServiceChild, DISABLED_SeesWhatTheParentLeft) {
-  auto store = KeychainUtils::CreateSecretServiceKeychain();
+  auto store = kelcore::KeychainUtils::CreateSecretServiceKeychain();
   ASSERT_TRUE(store);
   const bool stored = std::string_view(std::getenv("OSTRIO_KEYRING_EXPECT")) == "stored";
   EXPECT_EQ(store->GetPassword(kService, kAccount, true), stored ? kSecret : u"");
