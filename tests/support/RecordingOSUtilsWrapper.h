@@ -1,6 +1,7 @@
 #pragma once
 // The URL opener double: records every URL and answers with a set result.
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -9,27 +10,21 @@
 
 class RecordingOSUtilsWrapper final : public kelcore::IOSUtilsWrapper {
  public:
-  explicit RecordingOSUtilsWrapper(bool result = true) : result_(result) {}
-
   bool OpenURL(const std::string& url) override {
     std::lock_guard lock(mutex_);
     urls_.push_back(url);
-    return result_;
+    return result;
   }
 
   std::vector<std::string> Urls() const {
     std::lock_guard lock(mutex_);
     return urls_;
   }
-  void SetResult(bool result) {
-    std::lock_guard lock(mutex_);
-    result_ = result;
-  }
+  std::atomic<bool> result = true;  // what every OpenURL answers
 
   KEL_CLASS_REGISTRATION(RecordingOSUtilsWrapper, kelcore::IOSUtilsWrapper)
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> urls_;
-  bool result_;
 };

@@ -17,25 +17,18 @@ class ScriptedPost {
   struct Request {
     kelcore::ImmutableString url;
     kelnet::HeaderMap headers;
-    bool hasBody = false;
-    std::string caBundlePath;
     kelnet::Completion completion;
   };
 
-  // kelnet::POST's shape.
-  using Function = std::function<bool(const kelcore::utility::Guid&, kelnet::Completion, const kelcore::ImmutableString&,
-                                      std::shared_ptr<const kelcore::allocator::RecycledMemory>,
-                                      const kelnet::HeaderMap&, const kelnet::Configuration&)>;
-
-  Function Post() {
-    return [this](const kelcore::utility::Guid&, kelnet::Completion completion, const kelcore::ImmutableString& url,
-                  std::shared_ptr<const kelcore::allocator::RecycledMemory> body, const kelnet::HeaderMap& headers,
-                  const kelnet::Configuration& configuration) {
+  // In kelnet::POST's shape.
+  auto Post() {
+    return [this](const auto&, kelnet::Completion completion, const kelcore::ImmutableString& url, const auto&,
+                  const kelnet::HeaderMap& headers, const auto&) {
       std::function<std::shared_ptr<kelnet::Response>()> answer;
       {
         std::lock_guard lock(mutex_);
         if (!startResult) return false;
-        requests_.push_back({url, headers, body != nullptr, configuration.caBundlePath, completion});
+        requests_.push_back({url, headers, completion});
         answer = autoAnswer;
       }
       if (answer) Complete(completion, answer());
@@ -47,8 +40,6 @@ class ScriptedPost {
     kelcore::async::GetDefaultExecutor()->Post(
         [completion = std::move(completion), response] { completion(kelcore::utility::Guid(), response); });
   }
-
-  void AnswerFirst(std::shared_ptr<kelnet::Response> response) { Complete(Requests().at(0).completion, response); }
 
   std::vector<Request> Requests() const {
     std::lock_guard lock(mutex_);

@@ -1,13 +1,17 @@
 // The auth manager against doubles: sign-in state, browser sign-in and its callback URL,
-// sign-out, and the refresh of the access token.
+// sign-out, and the refresh of the access token; and the texts it reads and writes (the
+// credential record, percent-encoding, the JWT).
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <future>
 #include <latch>
 #include <thread>
 
+#include "CredentialRecord.h"
+#include "JwtTokenData.h"
 #include "LogCapture.h"
 #include "OstrioAuthManager.h"
 #include "RecordingOSUtilsWrapper.h"
@@ -20,7 +24,6 @@ namespace {
 
 using kelcore::classref::AllocateClassInstance;
 using kelcore::classref::InterfaceRef;
-using ::testing::HasSubstr;
 
 constexpr auto kHangGuard = std::chrono::seconds(60);  // only stops a broken test from hanging
 constexpr std::int64_t kNow = 1'700'000'000;
@@ -30,25 +33,27 @@ const std::u16string kService(OstrioAuthManager::kCredentialService);
 
 // Every test runs in throwaway XDG folders and opens nothing, so none can touch the desktop of
 // the user running it.
-class ScratchDesktop : public ::testing::Environment {
-  void SetUp() override {
-    for (const char* name : {"XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"}) ::setenv(name, scratch_.Path().c_str(), 1);
-    ::setenv("OSTRIOLIB_DEBUG_DB", "/dev/null", 1);
-    ::setenv("OSTRIOLIB_KEYCHAIN", "memory", 1);
-    ::setenv("OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test:8443", 1);
-  }
-  TemporaryDirectory scratch_;
-};
-[[maybe_unused]] ::testing::Environment* const sScratchDesktop = ::testing::AddGlobalTestEnvironment(new ScratchDesktop);
+const TemporaryDirectory sScratch;
+const ScopedEnvironment sScratchDesktop{
+    {"XDG_DATA_HOME", sScratch.Path().string()},  {"XDG_CONFIG_HOME", sScratch.Path().string()},
+    {"XDG_STATE_HOME", sScratch.Path().string()}, {"OSTRIOLIB_DEBUG_DB", "/dev/null"},
+    {"OSTRIOLIB_KEYCHAIN", "memory"},             {"OSTRIOLIB_DOMAIN_DEVELOPMENT", ".ostrio.test:8443"}};
 
 // A JWT whose payload is `claims` (the client does not check the header or the signature).
 std::string Jwt(std::string_view claims) {
   const std::string payload = kelcore::EncodeBinaryDataToBase64(claims);
   return "e30." + payload.substr(0, payload.find('=')) + ".c2ln";
 }
-std::string Claims(const std::string& exp, std::string_view nbf = R"("nbf":1,)") {
-  return R"({"_correlation_id":"c","_version":2,"aud":"a","exp":)" + exp + R"(,"iat":1,"iss":"i","jti":"j",)" +
-         std::string(nbf) + R"("sub":"s","typ":"t"})";
+// Every claim a token must carry, with `exp` as given; `without` leaves one out.
+std::string Claims(const std::string& exp, std::string_view without = "") {
+  const std::pair<std::string_view, std::string> claims[] = {
+      {"_correlation_id", R"("c")"}, {"_version", "4294967298"}, {"aud", R"("a")"}, {"exp", exp}, {"iat", "1"},
+      {"iss", "7"}, {"jti", R"("j")"}, {"nbf", "2"}, {"sub", R"("s")"}, {"typ", R"("t")"}};
+  std::string text;
+  for (const auto& [key, value] : claims) {
+    if (key != without) text += (text.empty() ? "{\"" : ",\"") + std::string(key) + "\":" + value;
+  }
+  return text + "}";
 }
 std::string Record(const std::string& expires, const std::string& refresh = "rt-1", const std::string& token = "at-1") {
   return "expires=" + expires + "&refreshToken=" + refresh + "&token=Bearer%20" + token + "&userId=u-1";
@@ -70,16 +75,14 @@ struct Outcome {
 };
 Outcome Wait(const kelcore::async::Future<kelcore::ImmutableString>& future) {
   if (!future.WaitFor(kHangGuard)) return {"<hung>"};
-  const std::exception_ptr error = future.GetException();
-  if (!error) return {future.Get().ToStdString()};
-  Outcome failed{"", kelcore::ExtractResultFromException(error), kelcore::ExtractMessageFromException(error)};
+  if (!future.GetException()) return {future.Get().ToStdString()};
   try {
-    std::rethrow_exception(error);
+    std::rethrow_exception(future.GetException());
   } catch (const kelcore::kel_exception& e) {
-    failed.expression = e.Expression();
-  } catch (...) {
+    return {"", e.GetResult(), e.what(), e.Expression()};
+  } catch (const std::exception& e) {
+    return {"", kelcore::kErrorFailed, e.what()};
   }
-  return failed;
 }
 
 class AuthManagerTest : public ::testing::Test {
@@ -104,23 +107,18 @@ class AuthManagerTest : public ::testing::Test {
   }
   Outcome Refresh() { return Wait(manager->RefreshAccessTokenIfNeeded()); }
 
-  // The sign-in callback, and what it heard once every callback posted so far has run (the
-  // executor is serial).
+  // The sign-in callback, and what it heard once every callback posted so far has run. Both run
+  // on the serial executor the callbacks are posted to, so `heard` needs no lock.
   std::function<void(int)> Hear() {
-    return [this](int result) {
-      std::lock_guard lock(heardMutex);
-      heard.push_back(result);
-    };
+    return [this](int result) { heard.push_back(result); };
   }
   std::vector<int> Heard() {
-    std::promise<void> drained;
-    kelcore::async::GetPreTerminationExecutor()->Post([&] { drained.set_value(); });
-    EXPECT_EQ(drained.get_future().wait_for(kHangGuard), std::future_status::ready);
-    std::lock_guard lock(heardMutex);
-    return std::exchange(heard, {});
+    std::promise<std::vector<int>> drained;
+    kelcore::async::GetPreTerminationExecutor()->Post([&] { drained.set_value(std::exchange(heard, {})); });
+    auto future = drained.get_future();
+    return future.wait_for(kHangGuard) == std::future_status::ready ? future.get() : std::vector<int>{-1};
   }
 
-  std::mutex heardMutex;
   std::vector<int> heard;
   InterfaceRef<kelcore::IKeychainUtils> keychain;
   std::shared_ptr<RecordingOSUtilsWrapper> opener = std::make_shared<RecordingOSUtilsWrapper>();
@@ -130,12 +128,8 @@ class AuthManagerTest : public ::testing::Test {
 
 // Signed in means a token with more than an hour left, or a refresh token to get one with.
 TEST_F(AuthManagerTest, SignedInMeansAValidTokenOrARefreshToken) {
-  struct Case {
-    std::optional<std::string> stored;
-    int loaded;
-    bool valid, signedIn;
-  };
-  const Case cases[] = {
+  // What is stored; what loading it returns; whether the token is valid and the user signed in.
+  const std::tuple<std::optional<std::string>, int, bool, bool> cases[] = {
       {std::nullopt, kelcore::kErrorNotSignedIn, false, false},
       {"not a record", kelcore::kErrorBadCredentials, false, false},
       {Record(std::to_string(kNow + 3601)), 0, true, true},
@@ -147,14 +141,14 @@ TEST_F(AuthManagerTest, SignedInMeansAValidTokenOrARefreshToken) {
       {Record("99999999999999999999"), 0, false, true},   // overflow reads as 0
       {Record("-9223372036854775808"), 0, false, true},  // far past: must not wrap round to "valid"
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.stored.value_or("<nothing>"));
+  for (const auto& [stored, loaded, valid, signedIn] : cases) {
+    SCOPED_TRACE(stored.value_or("<nothing>"));
     Reset();
-    if (c.stored) manager->StoreCredentials(*c.stored);
-    EXPECT_EQ(manager->LoadCredentials(), c.loaded);
-    EXPECT_EQ(manager->IsAccessTokenValid(), c.valid);
-    EXPECT_EQ(manager->IsUserSignedIn(), c.signedIn);
-    EXPECT_EQ(manager->GetAccessToken().View(), c.loaded == 0 ? "at-1" : "");
+    if (stored) manager->StoreCredentials(*stored);
+    EXPECT_EQ(manager->LoadCredentials(), loaded);
+    EXPECT_EQ(manager->IsAccessTokenValid(), valid);
+    EXPECT_EQ(manager->IsUserSignedIn(), signedIn);
+    EXPECT_EQ(manager->GetAccessToken().View(), loaded == 0 ? "at-1" : "");
   }
 }
 
@@ -167,7 +161,7 @@ TEST_F(AuthManagerTest, LoginOpensTheSignInPageOrSignsInFromTheStore) {
   EXPECT_EQ(opener->Urls(), (std::vector<std::string>{
                                 "https://accounts.ostrio.test:8443/welcome?legacy_auth=false&auth_callback=ostrio-test://ostrio",
                                 "https://accounts.ostrio.test:8443/welcome?legacy_auth=false&auth_callback=a%2Bb%20c%9d://ostrio"}));
-  opener->SetResult(false);
+  opener->result = false;
   EXPECT_EQ(manager->Login({}), kelcore::kErrorInvalidArgument);
   {
     ScopedEnvironment badDomain{{"OSTRIOLIB_DOMAIN_DEVELOPMENT", ".bad domain"}};
@@ -185,17 +179,12 @@ TEST_F(AuthManagerTest, LoginOpensTheSignInPageOrSignsInFromTheStore) {
   EXPECT_EQ(manager->Login(Hear()), kelcore::kResultAlreadySignedIn);
   EXPECT_EQ(Heard(), std::vector<int>{kelcore::kResultAlreadySignedIn});
   EXPECT_EQ(opener->Urls().size(), 3u);  // neither the bad URL nor the stored sign-in opened a page
-  EXPECT_EQ(manager->GetAccessToken().View(), "at-1");
 }
 
 TEST_F(AuthManagerTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
   const std::string fragment = Record(kDayLeft);
-  struct Case {
-    std::string url;
-    int result;
-    std::string stored;  // after the call
-  };
-  const Case cases[] = {
+  // The URL; what it returns and the callback hears; what is stored after it.
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"OSTRIO-TEST://OSTRIO#" + fragment, 0, fragment},
       {"ostrio-test://ostrio?no-fragment", kelcore::kErrorNoServerResponse, "old"},
       {"other://ostrio#" + fragment, kelcore::kErrorInvalidArgument, "old"},
@@ -208,15 +197,15 @@ TEST_F(AuthManagerTest, CallbackUrlIsCheckedAndTheCallbackAlwaysHears) {
       // Not UTF-8: the store could not give it back as it came.
       {"ostrio-test://ostrio#" + fragment + "\xA4", kelcore::kErrorInvalidArgument, "old"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url.substr(0, 80));
+  for (const auto& [url, result, stored] : cases) {
+    SCOPED_TRACE(url.substr(0, 80));
     Reset();
     manager->StoreCredentials("old");
     ASSERT_EQ(manager->Login(Hear()), 0);  // "old" does not parse: the browser opens
-    EXPECT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(c.url)), c.result);
-    EXPECT_EQ(Heard(), std::vector<int>{c.result});
-    EXPECT_EQ(Stored(), c.stored);
-    EXPECT_EQ(manager->GetAccessToken().View(), c.result == 0 ? "at-1" : "");
+    EXPECT_EQ(manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(url)), result);
+    EXPECT_EQ(Heard(), std::vector<int>{result});
+    EXPECT_EQ(Stored(), stored);
+    EXPECT_EQ(manager->GetAccessToken().View(), result == 0 ? "at-1" : "");
   }
 }
 
@@ -248,7 +237,7 @@ TEST_F(AuthManagerTest, NothingRunsForAManagerThatIsGone) {
   manager.reset();
   release.count_down();
   EXPECT_TRUE(Heard().empty());
-  post.AnswerFirst(Answer(200, "Bearer " + Jwt(Claims(kDayLeft)), "rt-2"));
+  ScriptedPost::Complete(post.Requests().at(0).completion, Answer(200, "Bearer " + Jwt(Claims(kDayLeft)), "rt-2"));
   EXPECT_EQ(Wait(pending).code, kelcore::kErrorPreconditionFailed);
 }
 
@@ -285,18 +274,15 @@ TEST(AuthManagerInstance, OneWhileHeldInitializedOncePerProcess) {
 // good answer leaves in memory and in the store: a bare token is taken as it is, claims may come
 // wrapped, and of repeated headers the last counts.
 TEST_F(AuthManagerTest, RefreshSendsOneExactRequestAndStoresTheAnswer) {
-  ScopedEnvironment caBundle{{"OSTRIOLIB_CABUNDLE", "/etc/ostrio/extra-ca.pem"}};
   manager->Configure("acme+Editor/1.0.1", "ostrio-test", kEnvironmentDevelopment, "pr-42");
   SignIn(Record(kHourLeft, "../r t\x01"));
   const std::string jwt = Jwt(Claims(kDayLeft));
   post.autoAnswer = [&] { return Answer(200, jwt, "rt-2"); };
   EXPECT_EQ(Refresh().token, jwt);
   EXPECT_EQ(Stored(), Record(kDayLeft, "rt-2", jwt));
-  auto requests = post.Requests();
+  const auto requests = post.Requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].url.View(), "https://api.ostrio.test:8443/v2/auth/refresh_tokens/..%2Fr%20t%01/apply");
-  EXPECT_FALSE(requests[0].hasBody);
-  EXPECT_EQ(requests[0].caBundlePath, "/etc/ostrio/extra-ca.pem");
   EXPECT_EQ(requests[0].headers, (kelnet::HeaderMap{{"content-type", "application/x-www-form-urlencoded"},
                                                     {"x-ostrio-client", "acme+Editor/1.0.1"},
                                                     {"x-preview-environment", "pr-42"}}));
@@ -310,9 +296,7 @@ TEST_F(AuthManagerTest, RefreshSendsOneExactRequestAndStoresTheAnswer) {
   post.autoAnswer = [&] { return std::make_shared<kelnet::Response>(200, repeated, ""); };
   EXPECT_EQ(Refresh().token, wrapped);
   EXPECT_EQ(Stored(), Record("500", "rt-3", wrapped));
-  requests = post.Requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[1].headers.count("x-preview-environment"), 0u);
+  EXPECT_EQ(post.Requests().at(1).headers.count("x-preview-environment"), 0u);
 }
 
 // A verdict on the refresh token (a refusal, or a success whose answer cannot be used) signs
@@ -323,14 +307,9 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
   const auto status = [&](int code) { return Answer(code, good, "rt-2"); };
   const std::string rejected = "!response->IsSuccess()";
   const std::string carry = "!CredentialRecordCanCarry(accessToken.View()) || !CredentialRecordCanCarry(refreshToken.View())";
-  struct Case {
-    std::string name;
-    std::shared_ptr<kelnet::Response> answer;
-    kelcore::Result code;
-    std::string expression;  // of the kel_exception, when it is one of ours
-    bool signsOut;
-  };
-  const Case cases[] = {
+  // The answer; the failure's code and the expression of its kel_exception (when it is one of
+  // ours); whether it signs out.
+  const std::tuple<std::string, std::shared_ptr<kelnet::Response>, kelcore::Result, std::string, bool> cases[] = {
       {"400", status(400), kelcore::kErrorRefreshRejected, rejected, true},
       {"401", status(401), kelcore::kErrorRefreshRejected, rejected, true},
       {"no token", Answer(200, "", "rt-2"), kelcore::kErrorRefreshRejected, "bearerAuthToken.empty()", true},
@@ -339,7 +318,7 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
       {"padding", Answer(200, good, "rt=="), kelcore::kErrorRefreshRejected, carry, true},
       {"padded token", Answer(200, good + "=", "rt-2"), kelcore::kErrorRefreshRejected, carry, true},
       {"one dot", Answer(200, "Bearer abc.def", "rt-2"), kelcore::kErrorRefreshRejected, "decodedPayload.empty()", true},
-      {"no nbf", Answer(200, "Bearer " + Jwt(Claims(kDayLeft, "")), "rt-2"), kelcore::kErrorInvalidArgument, "", true},
+      {"no nbf", Answer(200, "Bearer " + Jwt(Claims(kDayLeft, "nbf")), "rt-2"), kelcore::kErrorInvalidArgument, "", true},
       {"not JSON", Answer(200, "Bearer " + Jwt("{nope"), "rt-2"), kelcore::kErrorFailed, "", true},
       {"no answer", nullptr, kelcore::kErrorNoResponse, "!response", false},
       {"429", status(429), kelcore::kErrorRefreshRejected, rejected, false},
@@ -348,23 +327,22 @@ TEST_F(AuthManagerTest, AFailedRefreshSignsOutOnlyOnAVerdict) {
       {"199", status(199), kelcore::kErrorRefreshRejected, rejected, false},
       {"302", status(302), kelcore::kErrorRefreshRejected, rejected, false},
   };
-  const auto noToken = ::testing::Not(::testing::AnyOf(HasSubstr("at-1"), HasSubstr("rt-1")));
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  const auto noToken = ::testing::Not(::testing::AnyOf(::testing::HasSubstr("at-1"), ::testing::HasSubstr("rt-1")));
+  for (const auto& [name, answer, code, expression, signsOut] : cases) {
+    SCOPED_TRACE(name);
     SignIn(Record(kHourLeft));
-    post.autoAnswer = [&] { return c.answer; };
+    post.autoAnswer = [&] { return answer; };
     LogCapture log;
     const Outcome failed = Refresh();
-    EXPECT_EQ(failed.code, c.code);
-    EXPECT_TRUE(c.expression.empty() || failed.expression == c.expression) << failed.expression;
+    EXPECT_EQ(failed.code, code);
+    EXPECT_TRUE(expression.empty() || failed.expression == expression) << failed.expression;
     EXPECT_THAT(failed.what, noToken);
     EXPECT_THAT(log.AllText(), noToken);
-    EXPECT_EQ(manager->GetAccessToken().View(), c.signsOut ? "" : "at-1");
-    EXPECT_EQ(manager->GetRefreshToken().View(), c.signsOut ? "" : "rt-1");
-    EXPECT_EQ(Stored(), c.signsOut ? "" : Record(kHourLeft));
-    if (c.signsOut) continue;
+    EXPECT_EQ(manager->GetRefreshToken().View(), signsOut ? "" : "rt-1");
+    EXPECT_EQ(Stored(), signsOut ? "" : Record(kHourLeft));
+    if (signsOut) continue;
     const std::size_t sent = post.Requests().size();
-    EXPECT_EQ(Refresh().code, c.code);  // the next caller asks again
+    EXPECT_EQ(Refresh().code, code);  // the next caller asks again
     EXPECT_EQ(post.Requests().size(), sent + 1);
   }
 }
@@ -399,7 +377,7 @@ TEST_F(AuthManagerTest, OneRefreshAtATime) {
   EXPECT_EQ(Refresh().token, "at-1");
   ASSERT_EQ(post.Requests().size(), 1u);
   const std::string jwt = Jwt(Claims(kDayLeft));
-  post.AnswerFirst(Answer(200, "Bearer " + jwt, "rt-2"));
+  ScriptedPost::Complete(post.Requests().at(0).completion, Answer(200, "Bearer " + jwt, "rt-2"));
   EXPECT_EQ(Wait(first).token, jwt);
   EXPECT_EQ(Refresh().token, jwt);
   EXPECT_EQ(post.Requests().size(), 1u);
@@ -418,7 +396,7 @@ TEST_F(AuthManagerTest, OneRefreshAtATime) {
 // and ask for refreshes. Every token member is shared this way; ThreadSanitizer (the tsan preset)
 // reports any access that is not under the manager's lock.
 TEST_F(AuthManagerTest, SignInAndRefreshOverlapReadersSafely) {
-  constexpr int kRounds = 20, kReaders = 3, kReads = 40;
+  constexpr int kRounds = 20, kThreads = 5, kReads = 40;  // threads 0 and 1 write, the others read
   const std::string jwt = Jwt(Claims(kDayLeft));
   const std::string callback = "ostrio-test://ostrio#" + Record(kDayLeft, "rt-9");
   for (int round = 0; round < kRounds; ++round) {
@@ -427,36 +405,106 @@ TEST_F(AuthManagerTest, SignInAndRefreshOverlapReadersSafely) {
     const auto requests = post.Requests();
     ASSERT_EQ(requests.size(), static_cast<std::size_t>(round + 1));
 
-    std::latch start(kReaders + 2);
+    std::latch start(kThreads);
     std::vector<std::thread> threads;
-    std::vector<std::vector<kelcore::async::Future<kelcore::ImmutableString>>> asked(kReaders);
-    threads.emplace_back([&] {
-      start.arrive_and_wait();
-      manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(callback));
-    });
-    threads.emplace_back([&] {
-      start.arrive_and_wait();
-      ScriptedPost::Complete(requests.back().completion, Answer(200, "Bearer " + jwt, "rt-2"));
-    });
-    for (int reader = 0; reader < kReaders; ++reader) {
-      threads.emplace_back([&, reader] {
+    std::vector<std::vector<kelcore::async::Future<kelcore::ImmutableString>>> asked(kThreads, {refresh});
+    for (int t = 0; t < kThreads; ++t) {
+      threads.emplace_back([&, t] {
         start.arrive_and_wait();
-        for (int i = 0; i < kReads; ++i) {
+        if (t == 0) manager->ProcessRedirectedCallbackUrl(kelcore::ToU8Str(callback));
+        if (t == 1) ScriptedPost::Complete(requests.back().completion, Answer(200, "Bearer " + jwt, "rt-2"));
+        for (int i = 0; t > 1 && i < kReads; ++i) {
           EXPECT_FALSE(manager->GetAccessToken().empty());
           EXPECT_FALSE(manager->GetRefreshToken().empty());
           EXPECT_TRUE(manager->IsUserSignedIn());
-          asked[reader].push_back(manager->RefreshAccessTokenIfNeeded());
+          asked[t].push_back(manager->RefreshAccessTokenIfNeeded());
         }
       });
     }
     for (auto& thread : threads) thread.join();
-    // The refreshed token, or the signed-in one when the callback landed in between.
-    EXPECT_THAT(Wait(refresh).token, ::testing::AnyOf(jwt, "at-1"));
-    // Each caller got a token, and no claim is left for the next round.
+    // Each caller got the refreshed token, or the signed-in one when the callback landed in
+    // between; and no claim is left for the next round.
     for (const auto& futures : asked) {
       for (const auto& future : futures) EXPECT_THAT(Wait(future).token, ::testing::AnyOf(jwt, "at-1"));
     }
     EXPECT_TRUE(manager->IsAccessTokenValid());
+  }
+}
+
+// ---- the texts ----
+
+// Each row one text: whether it parses, and what expiresAt and the access token read. The
+// written form is pinned where records are stored (above).
+TEST(CredentialRecord, ItemRules) {
+  const std::tuple<std::string, bool, std::string, std::string> cases[] = {
+      {WriteCredentialRecord({"u", "eyJ.abc.sig", "r", "1700003600"}), true, "1700003600", "eyJ.abc.sig"},
+      // Of repeated keys the first counts.
+      {"expires=1&expires=2&refreshToken=r&token=Bearer%20abc&userId=u", true, "1", "abc"},
+      // The token loses its first nine characters, whatever they are.
+      {"expires=1&refreshToken=r&token=abc&userId=u", true, "1", ""},
+      {"expires=1&refreshToken=r&token=123456789abc&userId=u", true, "1", "abc"},
+      // An item with two '=' is skipped, so the later "expires" is the first that counts.
+      {"expires=1=2&expires=3&refreshToken=r&token=Bearer%20abc&userId=u", true, "3", "abc"},
+      // Runs of separators count as one.
+      {"&&expires==5&&refreshToken=r&token=Bearer%20t&&userId=u&", true, "5", "t"},
+      // Every key is required.
+      {"", false, "", ""},
+      {"refreshToken=r&token=Bearer%20t&userId=u", false, "", ""},
+      {"expires=1&token=Bearer%20t&userId=u", false, "1", ""},
+      {"expires=1&refreshToken=r&userId=u", false, "1", ""},
+      {"expires=1&refreshToken=r&token=Bearer%20t", false, "1", "t"},
+      // Beyond the bound: not looked into.
+      {"expires=1&refreshToken=r&token=Bearer%20t&userId=u&" + std::string(kMaxCredentialRecordBytes, 'x'), false, "", ""},
+  };
+  for (const auto& [text, parses, expiresAt, accessToken] : cases) {
+    SCOPED_TRACE(text.substr(0, 80));
+    CredentialRecord record;
+    EXPECT_EQ(ParseCredentialRecord(text, record), parses);
+    EXPECT_EQ(record.expiresAt.View(), expiresAt);
+    EXPECT_EQ(record.accessToken.View(), accessToken);
+  }
+}
+
+// The sign-in page takes hex without a leading zero; a path segment takes two digits, and no
+// text may add, remove or climb out of a segment.
+TEST(PercentEncoding, ForTheSignInPageAndForOnePathSegment) {
+  const std::array<std::string, 3> cases[] = {
+      {"Az09-_.~", "Az09-_.~", "Az09-_.~"},
+      {"a+b c", "a%2Bb%20c", "a%2Bb%20c"},
+      {"\t\n\x10\xC3\xA9:/?#", "%9%A%10%C3%A9%3A%2F%3F%23", "%09%0A%10%C3%A9%3A%2F%3F%23"},
+      {"..", "..", "%2E%2E"},
+      {".", ".", "%2E"},
+      {"../..", "..%2F..", "..%2F.."},
+  };
+  for (const auto& [text, page, segment] : cases) {
+    EXPECT_EQ(OstrioAuthManager::UrlEncode(text), page) << text;
+    EXPECT_EQ(OstrioAuthManager::EncodePathSegment(text), segment) << text;
+  }
+}
+
+TEST(JwtTokenData, PayloadIsTheSecondPartPaddedToWholeQuanta) {
+  EXPECT_EQ(DecodeJwtPayload("h.YQ.s"), "a");
+  EXPECT_EQ(DecodeJwtPayload("h.YWI.s"), "ab");
+  EXPECT_EQ(DecodeJwtPayload("h.YWJj.s"), "abc");
+  EXPECT_EQ(DecodeJwtPayload("h.YWJjZ.s"), "");  // five characters cannot be padded into base64
+  EXPECT_EQ(DecodeJwtPayload("h.+/8.s"), "\xFB\xFF");
+  EXPECT_EQ(DecodeJwtPayload("h.YWJj"), "");
+  EXPECT_EQ(DecodeJwtPayload("YWJj"), "");
+}
+
+TEST(JwtTokenData, EveryClaimIsRequired) {
+  const JwtTokenData data = ParseJwtTokenData(Claims("-5"));
+  EXPECT_EQ(data.version, 2);  // the low 32 bits
+  EXPECT_EQ(data.exp, -5);
+  EXPECT_EQ(data.iss.View(), "");  // not a string
+  for (const char* key : {"_correlation_id", "_version", "aud", "exp", "iat", "iss", "jti", "nbf", "sub", "typ"}) {
+    try {
+      ParseJwtTokenData(Claims("-5", key));
+      ADD_FAILURE() << key << " was not required";
+    } catch (const kelcore::missing_key_exception& e) {
+      EXPECT_EQ(e.Key(), key);
+      EXPECT_EQ(e.TypeName(), "ostriolib::JwtTokenData");
+    }
   }
 }
 

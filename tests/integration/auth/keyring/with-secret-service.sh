@@ -35,10 +35,8 @@ cleanup() {
   local activated
   activated=$(gdbus call --session --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus \
     --method org.freedesktop.DBus.GetConnectionUnixProcessID org.freedesktop.secrets 2>/dev/null |
-    tr -dc '0-9' || true)
-  for pid in $daemon $activated; do
-    kill "$pid" 2>/dev/null || true
-  done
+    sed -n 's/^(uint32 \([0-9]*\),)$/\1/p' || true)  # the answer reads "(uint32 PID,)"
+  kill $daemon $activated 2>/dev/null || true
   [[ -n "$daemon" ]] && wait "$daemon" 2>/dev/null || true
   rm -rf "$scratch"
 }
