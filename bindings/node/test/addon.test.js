@@ -6,7 +6,7 @@
 // in child processes.
 
 const assert = require('node:assert/strict');
-const { execFile } = require('node:child_process');
+const { spawnSync } = require('node:child_process');
 const fs = require('node:fs');
 const os = require('node:os');
 const path = require('node:path');
@@ -140,17 +140,15 @@ test('a client object released mid-refresh: the promise still settles, and the r
 });
 
 // A script that starts a refresh and then exits on the spot ("exit") or simply ends ("end"). One
-// still running after a minute is held open by something: that is the failure.
-const runChild = (mode, record) => new Promise((resolve) => {
-  execFile(process.execPath, [path.join(__dirname, 'refresh-child.js'), mode], {
-    env: { ...process.env, OSTRIO_TEST_REDIRECT: `${SCHEME}://ostrio#${record}` }, timeout: 60000, killSignal: 'SIGKILL',
-  }, (error, stdout, stderr) => resolve({ code: error ? error.code : 0, signal: error ? error.signal : null, stdout, stderr }));
-});
+// still running after a minute is held open by something: that is the failure. Only the emulator
+// answers it, so this process may wait for it without turning its event loop.
+const runChild = (mode, record) => spawnSync(process.execPath, [path.join(__dirname, 'refresh-child.js'), mode], {
+  env: { ...process.env, OSTRIO_TEST_REDIRECT: `${SCHEME}://ostrio#${record}` }, timeout: 60000, killSignal: 'SIGKILL', encoding: 'utf8' });
 
 test('a script may exit in the middle of a refresh; one that ends with a refresh pending gets the token, then exits', async () => {
-  const exiting = await runChild('exit', (await nearExpiry({ holdRefreshMs: 2000, handOver: false })).record);
-  assert.deepEqual([exiting.code, exiting.signal], [0, null], exiting.stderr);
-  const ending = await runChild('end', (await nearExpiry({ handOver: false })).record);
-  assert.deepEqual([ending.code, ending.signal, ending.stdout], [0, null, 'token'], ending.stderr);
+  const exiting = runChild('exit', (await nearExpiry({ holdRefreshMs: 2000, handOver: false })).record);
+  assert.deepEqual([exiting.status, exiting.signal], [0, null], exiting.stderr);
+  const ending = runChild('end', (await nearExpiry({ handOver: false })).record);
+  assert.deepEqual([ending.status, ending.signal, ending.stdout], [0, null, 'token'], ending.stderr);
   assert.equal((await refreshRequests()).length, 1);
 });
