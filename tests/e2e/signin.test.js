@@ -5,24 +5,21 @@
 // "Sign in" is made, the redirect to the ostrio-cli scheme is taken from the browser's own answer
 // and handed to `ostrio callback`, as the desktop's scheme handler would, and login ends signed in.
 
-const { test, after } = require('node:test');
+const { test } = require('node:test');
 const assert = require('node:assert/strict');
 const { chromium } = require('playwright-core');
 const { startCli, ostrio, startLogin } = require('../cli/cliHarness');
 
-const cleanup = [];
-after(async () => { for (const step of cleanup.reverse()) await step(); });
-
-test('a person signs in in Chromium and the scheme redirect signs ostrio in', async () => {
+test('a person signs in in Chromium and the scheme redirect signs ostrio in', async (t) => {
   const cli = await startCli();
-  cleanup.push(() => cli.stop());
+  t.after(() => cli.stop());
   const browser = await chromium.launch({
     executablePath: '/usr/bin/chromium',
     args: ['--no-sandbox', '--disable-gpu', '--disable-background-networking', '--disable-dev-shm-usage'],
   });
-  cleanup.push(() => browser.close());
+  t.after(() => browser.close());
   const login = startLogin(cli.env);
-  cleanup.push(() => login.child.exitCode === null && login.child.kill('SIGKILL'));
+  t.after(() => login.child.exitCode === null && login.child.kill('SIGKILL'));
 
   const page = await (await browser.newContext({ ignoreHTTPSErrors: true })).newPage();
   const redirect = new Promise((resolve) => page.on('response', (response) => {
