@@ -64,6 +64,11 @@ void Request::PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, con
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);
   } else {
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    // This curl hands a request that may multiplex a connection an HTTP/1.1 transfer still holds
+    // (a paused download range, say), and that request then reads the range's bytes as its
+    // answer. curl reuses a connection only for a request with the same TLS settings, so these
+    // transfers carry a flag of their own: one the OpenSSL backend ignores (it is Schannel's).
+    curl_easy_setopt(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NO_REVOKE));
   }
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(configuration.connectTimeout.count()));
   if (configuration.lowSpeedBytesPerSecond > 0 && configuration.lowSpeedTime.count() > 0) {
