@@ -105,6 +105,9 @@ void Request::PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, con
 
 void Request::Restart() {
   answerHeaders.clear();
+  answerBody.clear();
+  broken = nullptr;
+  if (http2) http2->Restart();
   haveLastHeader = false;
   bodyStarted = false;
   status = 0;

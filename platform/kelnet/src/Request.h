@@ -15,6 +15,7 @@
 #include <string>
 
 #include "DeliveryQueue.h"
+#include "Http2Exchange.h"
 #include "kelcore/RecycledMemory.h"
 #include "kelnet/Http.h"
 #include "kelnet/URL.h"
@@ -35,6 +36,8 @@ struct Request {
   std::shared_ptr<const std::string> caBundle;
   curl_slist* requestHeaders = nullptr;
   CURL* easy = nullptr;
+  // Set for a POST that goes over kelnet's own HTTP/2 connections (Http2Client) instead of curl.
+  std::unique_ptr<Http2Exchange> http2;
   std::string host;  // for the log; never the path, query or user info
   std::string path;  // to keep them out of curl's error text in the log
   std::string query;

@@ -22,6 +22,15 @@ void LogWarning(std::string message, std::vector<std::pair<std::string, std::str
   kelcore::logging::LogWarning("kelnet", std::move(message), std::move(fields));
 }
 
+// The proxy variables curl reads for an https URL: a request they may apply to stays curl's.
+bool ProxyInEnvironment() {
+  for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+    const char* value = std::getenv(name);
+    if (value && *value) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 Transport::Transport() {
@@ -32,6 +41,8 @@ Transport::Transport() {
     curl_easy_getinfo(probe, CURLINFO_CAPATH, &capath);
     curl_easy_getinfo(probe, CURLINFO_CAINFO, &cainfo);
     if (!capath && cainfo) caBundles_.SetSystemBundle(cainfo);
+    if (cainfo) curlCaFile_ = cainfo;
+    if (capath) curlCaPath_ = capath;
     curl_easy_cleanup(probe);
   }
 }
@@ -129,14 +140,28 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   if (!request->PrepareHeaders(headers, hasRange)) return false;
   if (!configuration.caBundlePath.empty()) request->caBundle = caBundles_.Get(configuration.caBundlePath);
 
-  CURL* easy = AcquireEasy();
-  if (!easy) return false;
-  request->PrepareEasy(easy, url, configuration, hasRange);
+  // POSTs over HTTP/2 go over our own connections (Http2Client.h): what that client does not do
+  // (a proxy, credentials in the URL, redirects, plain http) stays curl's.
+  const bool ownHttp2 = !streaming && configuration.allowHttp2 && parts->scheme == "https" &&
+                        parts->userInfo.empty() && configuration.proxy.empty() && !configuration.followRedirects &&
+                        !ProxyInEnvironment();
+  CURL* easy = nullptr;
+  if (ownHttp2) {
+    request->http2 = std::make_unique<Http2Exchange>();
+    request->http2->url = url;
+    request->http2->configuration = configuration;
+    request->http2->Prepare(*parts, headers, request->requestBody ? request->requestBody->Size() : 0);
+    request->maxAnswerBodyBytes = configuration.maxAnswerBodyBytes;
+  } else {
+    easy = AcquireEasy();
+    if (!easy) return false;
+    request->PrepareEasy(easy, url, configuration, hasRange);
+  }
 
   std::lock_guard lock(mutex_);
   if (shutdown_ || !StartThreadLocked()) {
     request->easy = nullptr;
-    curl_easy_cleanup(easy);
+    if (easy) curl_easy_cleanup(easy);
     return false;
   }
   incoming_.push_back(std::move(request));
@@ -149,6 +174,7 @@ bool Transport::StartThreadLocked() {
   multi_ = curl_multi_init();
   if (!multi_) return false;
   curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+  http2_.Attach(multi_, curlCaFile_, curlCaPath_);
   threadStarted_ = true;
   // The delivery and completion threads first: the network thread may hand them work at once.
   delivery_.Start();
@@ -228,6 +254,8 @@ void Transport::CancelActive(const Guid& id) {
     node.mapped()->cancelled = true;
     Finish(std::move(node.mapped()), CURLE_ABORTED_BY_CALLBACK);
   }
+  http2_.Cancel(id);
+  TakeOwnHttp2Results();
 }
 
 void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
@@ -269,6 +297,45 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
   }
   ReleaseEasy(request->easy);
   request->easy = nullptr;
+  Complete(std::move(request), std::move(response));
+}
+
+void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* error) {
+  std::shared_ptr<Response> response;
+  if (!error && !request->cancelled) {
+    response = std::make_shared<Response>(request->status, std::move(request->answerHeaders),
+                                          std::move(request->answerBody), "2");
+  } else if (!request->cancelled) {
+    LogWarning("HTTP request failed", {{"host", request->host}, {"error", error}, {"detail", ""}});
+  }
+  Complete(std::move(request), std::move(response));
+}
+
+// What the HTTP/2 client ended goes to its caller; what it handed back (an origin without "h2")
+// goes to curl.
+void Transport::TakeOwnHttp2Results() {
+  for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), ended.error);
+  http2_.TakeEnded().clear();
+  for (auto& request : http2_.TakeForCurl()) HandToCurl(std::move(request));
+  http2_.TakeForCurl().clear();
+}
+
+void Transport::HandToCurl(std::unique_ptr<Request> request) {
+  CURL* easy = AcquireEasy();
+  if (!easy) {
+    FinishOwnHttp2(std::move(request), "could not start the request");
+    return;
+  }
+  auto exchange = std::move(request->http2);
+  request->PrepareEasy(easy, exchange->url, exchange->configuration, exchange->hasRange);
+  if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+    Finish(std::move(request), CURLE_FAILED_INIT);
+    return;
+  }
+  active_.emplace(easy, std::move(request));
+}
+
+void Transport::Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response) {
   Completion completion = std::move(request->completion);
   if (request->stream) {
     std::shared_ptr<Stream> stream = std::move(request->stream);
@@ -329,10 +396,18 @@ void Transport::Run() {
         node.mapped()->cancelled = true;
         Finish(std::move(node.mapped()), CURLE_ABORTED_BY_CALLBACK);
       }
+      http2_.Stop();
+      for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), nullptr);
+      http2_.TakeEnded().clear();
+      for (auto& request : http2_.TakeForCurl()) {
+        request->cancelled = true;
+        FinishOwnHttp2(std::move(request), nullptr);
+      }
+      http2_.TakeForCurl().clear();
       HandOverCompletions();
       RunTimerTasks(due);
       std::lock_guard lock(mutex_);
-      if (incoming_.empty() && timers_.empty() && active_.empty()) {
+      if (incoming_.empty() && timers_.empty() && active_.empty() && http2_.Empty()) {
         threadExited_ = true;
         break;
       }
@@ -340,6 +415,10 @@ void Transport::Run() {
     }
 
     for (auto& request : incoming) {
+      if (request->http2) {
+        http2_.Add(std::move(request));
+        continue;
+      }
       CURL* easy = request->easy;
       if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
         Finish(std::move(request), CURLE_FAILED_INIT);
@@ -359,6 +438,7 @@ void Transport::Run() {
     std::vector<CURL*> again;
     while (CURLMsg* message = curl_multi_info_read(multi_, &queued)) {
       if (message->msg != CURLMSG_DONE) continue;
+      if (http2_.OnConnected(message->easy_handle, message->data.result)) continue;
       auto it = active_.find(message->easy_handle);
       if (it == active_.end()) continue;
       if (ShouldRetryUnanswered(*it->second, message->data.result)) {
@@ -379,6 +459,8 @@ void Transport::Run() {
       }
     }
 
+    http2_.Drive(polled_);
+    TakeOwnHttp2Results();
     HandOverCompletions();
     delivery_.Flush();
     long timeout = kMaxPollMilliseconds;
@@ -392,7 +474,16 @@ void Transport::Run() {
       }
       polling_ = timeout > 0;
     }
-    if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, static_cast<int>(timeout), nullptr);
+    if (timeout > 0 && http2_.NextDeadline() != Clock::time_point::max()) {
+      const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(http2_.NextDeadline() - Clock::now());
+      timeout = std::clamp<long>(static_cast<long>(wait.count()) + 1, 1, timeout);
+    }
+    polled_ = timeout > 0;
+    if (polled_) {
+      auto& sockets = http2_.PollSet();
+      curl_multi_poll(multi_, sockets.data(), static_cast<unsigned>(sockets.size()), static_cast<int>(timeout),
+                      nullptr);
+    }
   }
 
   curl_multi_cleanup(multi_);

@@ -29,6 +29,7 @@
 #include "CaBundleCache.h"
 #include "CompletionThread.h"
 #include "DeliveryQueue.h"
+#include "Http2Client.h"
 #include "Request.h"
 
 namespace kelnet {
@@ -60,6 +61,10 @@ class Transport {
   void AttendStreams();
   void RunTimerTasks(std::vector<std::function<void()>>& due);
   void Finish(std::unique_ptr<Request> request, CURLcode code);
+  void FinishOwnHttp2(std::unique_ptr<Request> request, const char* error);
+  void Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response);
+  void TakeOwnHttp2Results();
+  void HandToCurl(std::unique_ptr<Request> request);
   void HandOverCompletions();
   void CancelActive(const kelcore::utility::Guid& id);
   static bool ShouldRetryUnanswered(Request& request, CURLcode code);
@@ -85,12 +90,16 @@ class Transport {
   std::vector<CURL*> pool_;
 
   CaBundleCache caBundles_;
+  std::string curlCaFile_;  // curl's default trust, for the HTTP/2 client's TLS
+  std::string curlCaPath_;
   DeliveryQueue delivery_{[this] { WakeNetwork(); }};
   CompletionThread completions_;
 
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
   std::vector<std::function<void()>> finished_;  // POST completions not yet handed over
+  Http2Client http2_;  // POSTs over HTTP/2: our own connections (Http2Client.h)
+  bool polled_ = false;  // the last turn slept in curl_multi_poll: http2_'s poll set has its revents
 };
 
 }  // namespace kelnet

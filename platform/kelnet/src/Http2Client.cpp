@@ -1,0 +1,330 @@
+// kelnet's own HTTP/2 connections for POSTs. See Http2Client.h.
+
+#include "Http2Client.h"
+
+#include <fcntl.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+#include <poll.h>
+
+#include <algorithm>
+
+namespace kelnet {
+namespace {
+
+// A request goes out at most this often: again after a GOAWAY or the loss of a reused connection
+// before any answer, never more (a server that refuses everything must not be hammered).
+constexpr int kMaxAttempts = 3;
+// curl's own limit for keeping an idle connection (CURLOPT_MAXAGE_CONN).
+constexpr auto kMaxIdle = std::chrono::seconds(118);
+
+}  // namespace
+
+Http2Client::~Http2Client() {
+  for (auto& [pem, trust] : trust_) SSL_CTX_free(trust.context);
+}
+
+void Http2Client::Attach(CURLM* multi, std::string caFile, std::string caPath) {
+  multi_ = multi;
+  caFile_ = std::move(caFile);
+  caPath_ = std::move(caPath);
+}
+
+SSL_CTX* Http2Client::Context(const std::shared_ptr<const std::string>& pem) {
+  auto it = trust_.find(pem.get());
+  if (it != trust_.end()) return it->second.context;
+  SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+  if (!context) return nullptr;
+  SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  static const unsigned char kAlpn[] = {2, 'h', '2'};
+  bool ok = SSL_CTX_set_alpn_protos(context, kAlpn, sizeof kAlpn) == 0;
+  if (pem) {
+    // The same trust curl is given: the bundle (which carries the system bundle where curl has no
+    // CA directory), and curl's CA directory besides.
+    BIO* bio = BIO_new_mem_buf(pem->data(), static_cast<int>(pem->size()));
+    STACK_OF(X509_INFO)* entries = bio ? PEM_X509_INFO_read_bio(bio, nullptr, nullptr, nullptr) : nullptr;
+    X509_STORE* store = SSL_CTX_get_cert_store(context);
+    int added = 0;
+    for (int i = 0; entries && i < sk_X509_INFO_num(entries); ++i) {
+      X509_INFO* entry = sk_X509_INFO_value(entries, i);
+      if (entry->x509 && X509_STORE_add_cert(store, entry->x509) == 1) ++added;
+    }
+    if (entries) sk_X509_INFO_pop_free(entries, X509_INFO_free);
+    if (bio) BIO_free(bio);
+    if (!caPath_.empty()) SSL_CTX_load_verify_locations(context, nullptr, caPath_.c_str());
+    ok = ok && added > 0;
+  } else if (!caFile_.empty() || !caPath_.empty()) {
+    ok = ok && SSL_CTX_load_verify_locations(context, caFile_.empty() ? nullptr : caFile_.c_str(),
+                                             caPath_.empty() ? nullptr : caPath_.c_str()) == 1;
+  } else {
+    ok = ok && SSL_CTX_set_default_verify_paths(context) == 1;
+  }
+  if (!ok) {
+    SSL_CTX_free(context);
+    return nullptr;
+  }
+  trust_.emplace(pem.get(), Trust{pem, context});
+  return context;
+}
+
+void Http2Client::Add(std::unique_ptr<Request> request) {
+  Http2Exchange& exchange = *request->http2;
+  std::string key = exchange.host + ":" + std::to_string(exchange.port) + "|" +
+                    std::to_string(reinterpret_cast<std::uintptr_t>(request->caBundle.get()));
+  auto [it, created] = origins_.try_emplace(std::move(key));
+  Origin& origin = it->second;
+  if (created) {
+    origin.host = exchange.host;
+    origin.port = exchange.port;
+    origin.context = Context(request->caBundle);
+  }
+  if (origin.curlOnly) {
+    forCurl_.push_back(std::move(request));
+    return;
+  }
+  if (!origin.context) {
+    ended_.push_back({std::move(request), "TLS set-up failed", false});
+    return;
+  }
+  nextDeadline_ = std::min(nextDeadline_, exchange.deadline);
+  ++exchange.attempts;
+  for (auto& connection : origin.connections) {
+    if (connection->GetState() == Http2Connection::State::Open && connection->Submit(request)) return;
+  }
+  origin.waiting.push_back(std::move(request));
+  Settle(origin);
+}
+
+void Http2Client::Connect(Origin& origin) {
+  CURL* easy = curl_easy_init();
+  if (!easy) {
+    Fail(origin.waiting, "could not connect");
+    return;
+  }
+  const bool literalV6 = origin.host.find(':') != std::string::npos;
+  const std::string url = "http://" + (literalV6 ? "[" + origin.host + "]" : origin.host) + ":" +
+                          std::to_string(origin.port) + "/";
+  const auto timeout = origin.waiting.front()->http2->connectTimeout;
+  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(easy, CURLOPT_CONNECT_ONLY, 1L);
+  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http");
+  // Requests with a proxy are curl's: this path connects directly, whatever the environment says.
+  curl_easy_setopt(easy, CURLOPT_PROXY, "");
+  curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+  if (timeout.count() > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
+  if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+    curl_easy_cleanup(easy);
+    Fail(origin.waiting, "could not connect");
+    return;
+  }
+  origin.connecting = easy;
+  connecting_.emplace(easy, &origin);
+}
+
+bool Http2Client::OnConnected(CURL* easy, CURLcode code) {
+  auto it = connecting_.find(easy);
+  if (it == connecting_.end()) return false;
+  Origin& origin = *it->second;
+  connecting_.erase(it);
+  origin.connecting = nullptr;
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  if (code == CURLE_OK) curl_easy_getinfo(easy, CURLINFO_ACTIVESOCKET, &socket);
+  // Ours from here: curl closes its own descriptor with the handle.
+  const int fd = socket == CURL_SOCKET_BAD ? -1 : ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
+  curl_multi_remove_handle(multi_, easy);
+  curl_easy_cleanup(easy);
+  if (fd < 0) {
+    Fail(origin.waiting, code == CURLE_OK ? "could not connect" : curl_easy_strerror(code));
+    Settle(origin);
+    return true;
+  }
+  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+  const auto timeout = origin.waiting.empty() ? std::chrono::milliseconds(15000)
+                                              : origin.waiting.front()->http2->connectTimeout;
+  origin.connections.push_back(std::make_unique<Http2Connection>(fd, origin.context, origin.host,
+                                                                 Clock::now() + timeout));
+  origin.connections.back()->Drive(true);
+  Settle(origin);
+  return true;
+}
+
+// After a connection moved: what it ended goes on, what waits goes to an open connection (or a
+// new one), and closed connections go.
+void Http2Client::Settle(Origin& origin) {
+  for (auto& connection : origin.connections) {
+    for (auto& ended : connection->TakeEnded()) {
+      if (ended.again && ended.request->http2->attempts < kMaxAttempts && !ended.request->cancelled) {
+        ended.request->Restart();
+        ++ended.request->http2->attempts;
+        origin.waiting.push_back(std::move(ended.request));
+      } else {
+        ended_.push_back({std::move(ended.request), ended.error, false});
+      }
+    }
+    connection->TakeEnded().clear();
+  }
+  Http2Connection* open = nullptr;
+  bool handshaking = false;
+  for (auto& connection : origin.connections) {
+    switch (connection->GetState()) {
+      case Http2Connection::State::Open:
+        if (!open) open = connection.get();
+        break;
+      case Http2Connection::State::Handshaking:
+        handshaking = true;
+        break;
+      case Http2Connection::State::NoHttp2:
+        origin.curlOnly = true;
+        break;
+      case Http2Connection::State::Closed:
+        // A connection that never opened fails what waits for it: connecting again would only
+        // fail the same way.
+        if (connection->Failure() && !connection->Opened()) Fail(origin.waiting, connection->Failure());
+        break;
+      case Http2Connection::State::Draining:
+        break;
+    }
+  }
+  std::erase_if(origin.connections, [](const auto& connection) {
+    const auto state = connection->GetState();
+    return state == Http2Connection::State::Closed || state == Http2Connection::State::NoHttp2;
+  });
+  if (origin.curlOnly) {
+    for (auto& request : origin.waiting) forCurl_.push_back(std::move(request));
+    origin.waiting.clear();
+    return;
+  }
+  if (open) {
+    while (!origin.waiting.empty()) {
+      if (!open->Submit(origin.waiting.front())) break;
+      origin.waiting.pop_front();
+    }
+    open->Drive(false);
+  }
+  if (!origin.waiting.empty() && !open && !handshaking && !origin.connecting) Connect(origin);
+}
+
+void Http2Client::Fail(std::deque<std::unique_ptr<Request>>& requests, const char* why) {
+  for (auto& request : requests) ended_.push_back({std::move(request), why, false});
+  requests.clear();
+}
+
+void Http2Client::EndExpired(Clock::time_point now) {
+  if (now < nextDeadline_) return;
+  nextDeadline_ = Clock::time_point::max();
+  for (auto& [key, origin] : origins_) {
+    for (auto it = origin.waiting.begin(); it != origin.waiting.end();) {
+      if ((*it)->http2->deadline <= now) {
+        ended_.push_back({std::move(*it), "deadline passed", false});
+        it = origin.waiting.erase(it);
+      } else {
+        nextDeadline_ = std::min(nextDeadline_, (*it)->http2->deadline);
+        ++it;
+      }
+    }
+    for (auto& connection : origin.connections) {
+      for (Request* request : connection->Requests()) {
+        if (request->http2->deadline > now) {
+          nextDeadline_ = std::min(nextDeadline_, request->http2->deadline);
+          continue;
+        }
+        auto taken = connection->Cancel(request);
+        taken->cancelled = false;
+        ended_.push_back({std::move(taken), "deadline passed", false});
+      }
+    }
+  }
+}
+
+void Http2Client::Drive(bool polled) {
+  const auto now = Clock::now();
+  EndExpired(now);
+  auto readable = [&](int fd) {
+    if (!polled) return true;
+    for (const auto& entry : pollSet_) {
+      if (entry.fd == fd) return entry.revents != 0;
+    }
+    return true;
+  };
+  for (auto& [key, origin] : origins_) {
+    for (auto& connection : origin.connections) {
+      if (connection->GetState() == Http2Connection::State::Open && connection->StreamCount() == 0 &&
+          now - connection->IdleSince() > kMaxIdle) {
+        connection->Drain();
+        continue;
+      }
+      connection->Drive(readable(connection->Fd()));
+    }
+    Settle(origin);
+  }
+}
+
+void Http2Client::Cancel(const kelcore::utility::Guid& id) {
+  for (auto& [key, origin] : origins_) {
+    for (auto it = origin.waiting.begin(); it != origin.waiting.end();) {
+      if ((*it)->id != id) {
+        ++it;
+        continue;
+      }
+      (*it)->cancelled = true;
+      ended_.push_back({std::move(*it), nullptr, false});
+      it = origin.waiting.erase(it);
+    }
+    for (auto& connection : origin.connections) {
+      bool any = false;
+      for (Request* request : connection->Requests()) {
+        if (request->id != id) continue;
+        ended_.push_back({connection->Cancel(request), nullptr, false});
+        any = true;
+      }
+      // The RST_STREAM goes now, not at the next read.
+      if (any) connection->Drive(false);
+    }
+    Settle(origin);
+  }
+}
+
+void Http2Client::Stop() {
+  for (auto& [key, origin] : origins_) {
+    for (auto& connection : origin.connections) {
+      for (Request* request : connection->Requests()) ended_.push_back({connection->Cancel(request), nullptr, false});
+    }
+    origin.connections.clear();
+    for (auto& request : origin.waiting) {
+      request->cancelled = true;
+      ended_.push_back({std::move(request), nullptr, false});
+    }
+    origin.waiting.clear();
+  }
+  for (auto& [easy, origin] : connecting_) {
+    curl_multi_remove_handle(multi_, easy);
+    curl_easy_cleanup(easy);
+    origin->connecting = nullptr;
+  }
+  connecting_.clear();
+}
+
+std::vector<curl_waitfd>& Http2Client::PollSet() {
+  pollSet_.clear();
+  for (auto& [key, origin] : origins_) {
+    for (auto& connection : origin.connections) {
+      const short events = connection->PollEvents();
+      if (events) pollSet_.push_back({connection->Fd(), events, 0});
+    }
+  }
+  return pollSet_;
+}
+
+bool Http2Client::Empty() const {
+  for (const auto& [key, origin] : origins_) {
+    if (!origin.waiting.empty() || origin.connecting) return false;
+    for (const auto& connection : origin.connections) {
+      if (connection->StreamCount() > 0) return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace kelnet
