@@ -2,7 +2,11 @@
 
 #include <sys/random.h>
 
+#include <pthread.h>
+
+#include <array>
 #include <cerrno>
+#include <mutex>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -53,6 +57,29 @@ bool FillRandom(std::uint8_t* out, std::size_t size) noexcept {
   return true;
 }
 
+// Every request carries a new Guid: one getrandom call per 256 of them instead of one each. The
+// bytes are the kernel's, handed out once; a forked child drops what its parent had fetched, so
+// the two never hand out the same ones.
+struct RandomReserve {
+  std::array<std::uint8_t, 4096> bytes;
+  std::size_t used = sizeof(bytes);
+};
+thread_local RandomReserve reserve;
+
+bool TakeRandom(std::uint8_t* out, std::size_t size) noexcept {
+  static std::once_flag atFork;
+  std::call_once(atFork, [] { ::pthread_atfork(nullptr, nullptr, [] { reserve.used = sizeof(reserve.bytes); }); });
+  if (reserve.used + size > reserve.bytes.size()) {
+    if (!FillRandom(reserve.bytes.data(), reserve.bytes.size())) return false;
+    reserve.used = 0;
+  }
+  std::memcpy(out, reserve.bytes.data() + reserve.used, size);
+  // Taken bytes do not stay behind in the reserve.
+  std::memset(reserve.bytes.data() + reserve.used, 0, size);
+  reserve.used += size;
+  return true;
+}
+
 }  // namespace
 
 Guid::Guid(std::string_view text) noexcept : Guid(TryParse(text).value_or(Guid())) {}
@@ -79,7 +106,7 @@ std::optional<Guid> Guid::TryParse(std::string_view text) noexcept {
 
 Guid Guid::CreateUnique() {
   Guid guid;
-  KEL_THROW_IF(!FillRandom(guid.bytes_.data(), guid.bytes_.size()), kErrorFailed, "no source of random bytes");
+  KEL_THROW_IF(!TakeRandom(guid.bytes_.data(), guid.bytes_.size()), kErrorFailed, "no source of random bytes");
   guid.bytes_[6] = static_cast<std::uint8_t>((guid.bytes_[6] & 0x0F) | 0x40);  // version 4
   guid.bytes_[8] = static_cast<std::uint8_t>((guid.bytes_[8] & 0x3F) | 0x80);  // RFC 4122 variant
   return guid;

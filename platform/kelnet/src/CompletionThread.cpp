@@ -8,7 +8,8 @@
 
 namespace kelnet {
 
-void CompletionThread::Start() {
+void CompletionThread::Start(std::function<void()> onDrained) {
+  onDrained_ = std::move(onDrained);
   thread_ = std::thread([this] { Run(); });
   threadId_ = thread_.get_id();
 }
@@ -47,7 +48,15 @@ void CompletionThread::Join() {
 
 void CompletionThread::Run() {
   std::unique_lock lock(mutex_);
+  bool ran = false;
   while (true) {
+    if (tasks_.empty() && ran && onDrained_) {
+      ran = false;
+      lock.unlock();
+      onDrained_();
+      lock.lock();
+      continue;
+    }
     ready_.wait(lock, [this] { return !tasks_.empty() || stop_; });
     if (tasks_.empty()) {
       ended_ = true;
@@ -65,6 +74,7 @@ void CompletionThread::Run() {
     }
     // Its captures (a caller's state among them) go here, not on whichever thread comes next.
     task = nullptr;
+    ran = true;
     lock.lock();
   }
 }

@@ -19,7 +19,8 @@ namespace kelnet {
 
 class CompletionThread {
  public:
-  void Start();
+  // onDrained runs on this thread each time it has run what was queued and is about to wait.
+  void Start(std::function<void()> onDrained = nullptr);
   // False once the thread has ended (the task is not run; the caller runs it itself).
   bool Post(std::function<void()> task);
   // The same for several tasks, in order, in one hand-off; they are moved from only when taken.
@@ -35,6 +36,7 @@ class CompletionThread {
   std::mutex mutex_;
   std::condition_variable ready_;
   std::deque<std::function<void()>> tasks_;
+  std::function<void()> onDrained_;
   bool stop_ = false;
   bool ended_ = false;
   std::thread thread_;

@@ -165,7 +165,14 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     return false;
   }
   incoming_.push_back(std::move(request));
-  WakeLocked();
+  // A completion that starts the next request is usually one of several handed over together:
+  // the network thread is woken once, when the completion thread has run them all, and sends the
+  // requests they started in one write.
+  if (std::this_thread::get_id() == completions_.ThreadId()) {
+    wakeDeferred_ = true;
+  } else {
+    WakeLocked();
+  }
   return true;
 }
 
@@ -178,7 +185,12 @@ bool Transport::StartThreadLocked() {
   threadStarted_ = true;
   // The delivery and completion threads first: the network thread may hand them work at once.
   delivery_.Start();
-  completions_.Start();
+  completions_.Start([this] {
+    std::lock_guard lock(mutex_);
+    if (!wakeDeferred_) return;
+    wakeDeferred_ = false;
+    WakeLocked();
+  });
   thread_ = std::thread([this] { Run(); });
   threadId_ = thread_.get_id();
   return true;

@@ -77,6 +77,7 @@ class Transport {
   bool threadExited_ = false;
   bool wakePending_ = false;
   bool polling_ = false;  // the loop sleeps in curl_multi_poll, or is about to
+  bool wakeDeferred_ = false;  // requests came from completions: woken once they have all run
   CURLM* multi_ = nullptr;
   std::thread thread_;
   std::atomic<std::thread::id> threadId_{};
