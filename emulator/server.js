@@ -5,6 +5,7 @@
 // Prints one JSON line describing where it listens, then serves until SIGTERM/SIGINT.
 
 const http = require('node:http');
+const https = require('node:https');
 const http2 = require('node:http2');
 const path = require('node:path');
 const { prepareState, defaultStateDir } = require('./lib/state');
@@ -15,6 +16,7 @@ const USAGE = `usage: node server.js [options]
   --state DIR            state folder: CA, server certificate, JWT secret
                          (default $XDG_STATE_HOME/ostrio-emulator or ~/.local/state/ostrio-emulator)
   --http                 plain HTTP/1.1 instead of HTTPS (debugging)
+  --http1                HTTPS that offers HTTP/1.1 only (clients that must fall back)
   --name HOST            extra certificate name (repeatable)
   --token-lifetime S     access-token lifetime in seconds (default 7200)
   --url-lifetime S       lifetime of signed media links in seconds (default 3600)
@@ -30,7 +32,7 @@ function fail(message) {
 }
 
 function parseArgs(argv) {
-  const opts = { port: 8443, state: null, http: false, names: [], tokenLifetime: 7200, urlLifetime: 3600, dataset: 'demo', faults: [], keepLog: true, quiet: false };
+  const opts = { port: 8443, state: null, http: false, http1: false, names: [], tokenLifetime: 7200, urlLifetime: 3600, dataset: 'demo', faults: [], keepLog: true, quiet: false };
   for (let i = 0; i < argv.length; i++) {
     let arg = argv[i];
     let value;
@@ -53,6 +55,7 @@ function parseArgs(argv) {
       }
       case '--state': opts.state = path.resolve(next()); break;
       case '--http': opts.http = true; break;
+      case '--http1': opts.http1 = true; break;
       case '--name': {
         const v = next().toLowerCase();
         if (!/^[a-z0-9*]([a-z0-9.-]*[a-z0-9])?$|^[0-9a-f:]+$/.test(v)) fail(`bad certificate name ${v}`);
@@ -105,6 +108,8 @@ function main() {
   const handler = emulator.handler;
   const server = opts.http
     ? http.createServer(handler)
+    : opts.http1
+    ? https.createServer({ key: state.key, cert: state.cert, minVersion: 'TLSv1.2' }, handler)
     : http2.createSecureServer({
       key: state.key,
       cert: state.cert,

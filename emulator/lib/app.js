@@ -424,6 +424,12 @@ class Emulator {
   async send(ctx, plan, fault) {
     const { res } = ctx;
     if (ctx.closed) return;
+    if (fault && fault.refuseStream) {
+      // Not taken up at all: HTTP/2 says so (the client may send it again), HTTP/1.1 can only hang up.
+      if (ctx.h2 && !res.stream.destroyed) res.stream.close(http2.constants.NGHTTP2_REFUSED_STREAM);
+      else this.reset(ctx);
+      return;
+    }
     const headers = { ...plan.headers };
     let source = plan.body == null ? bufferSource(Buffer.alloc(0)) : Buffer.isBuffer(plan.body) ? bufferSource(plan.body) : plan.body;
     let end = source.length;
@@ -464,6 +470,10 @@ class Emulator {
       return;
     }
     res.end();
+    // This answer is the session's last: the client takes its next requests to a new connection.
+    if (fault && fault.goaway && ctx.h2 && !res.stream.session.destroyed) {
+      res.stream.session.goaway(http2.constants.NGHTTP2_NO_ERROR, res.stream.id);
+    }
   }
 
   // Writes bytes [0, end) of source with backpressure (and pacing when bytesPerSecond is set).

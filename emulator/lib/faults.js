@@ -18,6 +18,8 @@ const FIELDS = {
   malformedBody: (v) => typeof v === 'boolean' || 'malformedBody must be a boolean',
   graphqlError: (v) => typeof v === 'string' || 'graphqlError must be a string',
   resetAfterBytes: (v) => (Number.isInteger(v) && v >= 0) || 'resetAfterBytes must be a non-negative integer',
+  refuseStream: (v) => typeof v === 'boolean' || 'refuseStream must be a boolean',
+  goaway: (v) => typeof v === 'boolean' || 'goaway must be a boolean',
   bytesPerSecond: (v) => (Number.isInteger(v) && v >= 1) || 'bytesPerSecond must be a positive integer',
   retryAfter: (v) => ((typeof v === 'string' && /^[\x20-\x7e]+$/.test(v)) || (Number.isInteger(v) && v >= 0)) || 'retryAfter must be a string or a non-negative integer',
 };

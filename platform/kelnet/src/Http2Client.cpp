@@ -37,7 +37,9 @@ SSL_CTX* Http2Client::Context(const std::shared_ptr<const std::string>& pem) {
   if (!context) return nullptr;
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  static const unsigned char kAlpn[] = {2, 'h', '2'};
+  // http/1.1 too: a server with no protocol in common ends the handshake, where one that picks
+  // http/1.1 tells us the origin is curl's.
+  static const unsigned char kAlpn[] = {2, 'h', '2', 8, 'h', 't', 't', 'p', '/', '1', '.', '1'};
   bool ok = SSL_CTX_set_alpn_protos(context, kAlpn, sizeof kAlpn) == 0;
   if (pem) {
     // The same trust curl is given: the bundle (which carries the system bundle where curl has no

@@ -1,4 +1,4 @@
-// The head of a POST over kelnet's own HTTP/2 connections, and the decoding of its answer.
+// The head of a POST over kelnet's own HTTP/2 connections.
 
 #include "Http2Exchange.h"
 
@@ -71,65 +71,7 @@ void Http2Exchange::Restart() {
   sent = false;
   bodySent = 0;
   headBytes = 0;
-  decodingChosen = false;
-  inflateDone = false;
-  inflater.reset();
-}
-
-bool Http2Exchange::AppendBody(std::string& body, const HeaderMap& answerHeaders, const std::uint8_t* data,
-                               std::size_t size, std::size_t limit, const char*& broken) {
-  if (!decodingChosen) {
-    decodingChosen = true;
-    auto encoding = answerHeaders.find(kelcore::ImmutableString("content-encoding"));
-    if (encoding != answerHeaders.end()) {
-      const std::string name = Lower(encoding->second.View());
-      if (name == "gzip" || name == "x-gzip" || name == "deflate") {
-        inflater.reset(new z_stream{});
-        // 32: a zlib or a gzip wrapper, whichever the stream starts with.
-        if (inflateInit2(inflater.get(), 32 + MAX_WBITS) != Z_OK) {
-          delete inflater.release();
-          broken = "answer could not be decoded";
-          return false;
-        }
-      }
-    }
-  }
-  const std::size_t room = limit - std::min(limit, body.size());
-  if (!inflater) {
-    if (size > room) {
-      broken = "answer larger than its limit";
-      return false;
-    }
-    body.append(reinterpret_cast<const char*>(data), size);
-    return true;
-  }
-  if (inflateDone) return size == 0;
-  z_stream& stream = *inflater;
-  stream.next_in = const_cast<Bytef*>(data);
-  stream.avail_in = static_cast<uInt>(size);
-  std::array<char, 16384> out;
-  while (stream.avail_in > 0 && !inflateDone) {
-    stream.next_out = reinterpret_cast<Bytef*>(out.data());
-    stream.avail_out = static_cast<uInt>(out.size());
-    const int result = inflate(&stream, Z_NO_FLUSH);
-    if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) {
-      broken = "answer could not be decoded";
-      return false;
-    }
-    const std::size_t produced = out.size() - stream.avail_out;
-    if (produced > limit - std::min(limit, body.size())) {
-      broken = "answer larger than its limit";
-      return false;
-    }
-    body.append(out.data(), produced);
-    if (result == Z_STREAM_END) inflateDone = true;
-    if (result == Z_BUF_ERROR && produced == 0) break;
-  }
-  if (inflateDone && stream.avail_in > 0) {
-    broken = "answer could not be decoded";
-    return false;
-  }
-  return true;
+  decoder.reset();
 }
 
 }  // namespace kelnet

@@ -1,16 +1,15 @@
 #pragma once
 // What a POST carried by kelnet's own HTTP/2 client needs besides the Request: the head it sends,
-// its deadline, how far its body went, and the decoder of a compressed answer. It also keeps what
+// its deadline, how far its body went, and the decoder of its answer. It also keeps what
 // curl needs to take the request over when the server turns out not to speak HTTP/2.
 //
 // Threads: filled on the caller's thread before hand-over (Prepare), the network thread's alone
 // after.
 
-#include <zlib.h>
-
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +17,7 @@
 #include "kelcore/ImmutableString.h"
 #include "kelnet/Response.h"
 #include "kelnet/URL.h"
+#include "kelnet/internal/AnswerDecoder.h"
 
 namespace kelnet {
 
@@ -49,23 +49,8 @@ struct Http2Exchange {
   // Forgets the attempt: the request starts over on another connection.
   void Restart();
 
-  // Appends answer bytes to body, decoding them when the answer is compressed; false with the
-  // reason when they cannot be decoded or the decoded body would pass limit.
-  bool AppendBody(std::string& body, const HeaderMap& answerHeaders, const std::uint8_t* data, std::size_t size,
-                  std::size_t limit, const char*& broken);
-  // False when a compressed answer ended before its compressed stream did.
-  bool BodyComplete() const { return !inflater || inflateDone; }
-
- private:
-  struct InflateEnd {
-    void operator()(z_stream* stream) const {
-      inflateEnd(stream);
-      delete stream;
-    }
-  };
-  bool decodingChosen = false;
-  bool inflateDone = false;
-  std::unique_ptr<z_stream, InflateEnd> inflater;
+  // The decoder of this attempt's answer body, made when its first bytes arrive.
+  std::optional<internal::AnswerDecoder> decoder;
 };
 
 }  // namespace kelnet
