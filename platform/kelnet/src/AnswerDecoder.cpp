@@ -2,6 +2,8 @@
 
 #include "kelnet/internal/AnswerDecoder.h"
 
+#include <zlib.h>
+
 #include <algorithm>
 #include <array>
 
@@ -15,6 +17,11 @@ bool Is(std::string_view text, std::string_view lowerName) {
 }
 
 }  // namespace
+
+void AnswerDecoder::InflateEnd::operator()(z_stream_s* stream) const {
+  inflateEnd(stream);
+  delete stream;
+}
 
 AnswerDecoder::AnswerDecoder(std::string_view encoding) {
   if (!Is(encoding, "gzip") && !Is(encoding, "x-gzip") && !Is(encoding, "deflate")) return;

@@ -6,13 +6,13 @@
 // The bytes are a server's and may be anything: they either decode within the limit or the
 // decoder says why not; a body never grows past the limit, however far the data would inflate.
 
-#include <zlib.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
+
+struct z_stream_s;  // zlib's
 
 namespace kelnet::internal {
 
@@ -29,12 +29,9 @@ class AnswerDecoder {
 
  private:
   struct InflateEnd {
-    void operator()(z_stream* stream) const {
-      inflateEnd(stream);
-      delete stream;
-    }
+    void operator()(z_stream_s* stream) const;
   };
-  std::unique_ptr<z_stream, InflateEnd> inflater_;
+  std::unique_ptr<z_stream_s, InflateEnd> inflater_;
   bool ended_ = false;
   bool failed_ = false;
 };
