@@ -79,7 +79,6 @@ bool SegmentedDownload::Launch(const PiecePtr& piece) {
       plan.headers.emplace(kelnet::kHEADER_RANGE, kelcore::ImmutableString(range));
       if (!validator_.empty()) plan.headers.emplace(kelnet::kHEADER_IF_RANGE, validator_);
     }
-    if (policy_.separateConnections) plan.configuration.allowHttp2 = false;
   }
   auto self = shared_from_this();
   plan.onData = [self, piece](const kelcore::utility::Guid& attemptId, const void* data, std::size_t offset,

@@ -72,15 +72,21 @@ SSL_CTX* Http2Client::Context(const std::shared_ptr<const std::string>& pem) {
 
 void Http2Client::Add(std::unique_ptr<Request> request) {
   Http2Exchange& exchange = *request->http2;
-  std::string key = exchange.host + ":" + std::to_string(exchange.port) + "|" +
-                    std::to_string(reinterpret_cast<std::uintptr_t>(request->caBundle.get()));
-  auto [it, created] = origins_.try_emplace(std::move(key));
-  Origin& origin = it->second;
-  if (created) {
-    origin.host = exchange.host;
-    origin.port = exchange.port;
-    origin.context = Context(request->caBundle);
+  Origin* found = lastOrigin_;
+  if (!found || found->port != exchange.port || found->pem != request->caBundle || found->host != exchange.host) {
+    std::string key = exchange.host + ":" + std::to_string(exchange.port) + "|" +
+                      std::to_string(reinterpret_cast<std::uintptr_t>(request->caBundle.get()));
+    auto [it, created] = origins_.try_emplace(std::move(key));
+    found = &it->second;
+    if (created) {
+      found->host = exchange.host;
+      found->port = exchange.port;
+      found->pem = request->caBundle;
+      found->context = Context(request->caBundle);
+    }
+    lastOrigin_ = found;
   }
+  Origin& origin = *found;
   if (origin.curlOnly) {
     forCurl_.push_back(std::move(request));
     return;

@@ -61,6 +61,9 @@ class Http2Client {
   struct Origin {
     std::string host;
     std::uint16_t port = 443;
+    // The trust it was opened with (null: curl's default); held, so that its address, part of the
+    // origin's key, is never another bundle's.
+    std::shared_ptr<const std::string> pem;
     SSL_CTX* context = nullptr;
     std::vector<std::unique_ptr<Http2Connection>> connections;
     std::deque<std::unique_ptr<Request>> waiting;  // for a connection to open
@@ -83,6 +86,7 @@ class Http2Client {
   std::string caPath_;
   std::map<const std::string*, Trust> trust_;
   std::map<std::string, Origin> origins_;
+  Origin* lastOrigin_ = nullptr;  // the one the last request went to: usually the next one's too
   std::unordered_map<CURL*, Origin*> connecting_;
   std::vector<curl_waitfd> pollSet_;
   Clock::time_point nextDeadline_ = Clock::time_point::max();

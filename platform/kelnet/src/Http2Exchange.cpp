@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <string_view>
 
 namespace kelnet {
@@ -27,41 +28,58 @@ bool IsConnectionSpecific(std::string_view name) {
 
 }  // namespace
 
-void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& callerHeaders, std::size_t bodySize) {
+void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven, std::size_t bodySize) {
   host = parts.host;
   port = parts.port.value_or(443);
-  const bool literalV6 = host.find(':') != std::string::npos;
-  authority = literalV6 ? "[" + host + "]" : host;
-  if (parts.port) authority += ":" + std::to_string(*parts.port);
-  target = parts.path.empty() ? "/" : parts.path;
-  if (!parts.query.empty()) target += "?" + parts.query;
+  // The URL's own text: after "scheme://" (no user info on this path) up to the path, then up to
+  // a fragment.
+  const std::string_view text = url.View();
+  const std::size_t start = text.find("://") + 3;
+  const std::size_t pathAt = std::min(text.find_first_of("/?#", start), text.size());
+  authority = text.substr(start, pathAt - start);
+  target = text.substr(pathAt, std::min(text.find('#', pathAt), text.size()) - pathAt);
+  if (target.empty() || target.front() != '/') {
+    ownTarget = "/" + std::string(target);
+    target = ownTarget;
+  }
 
-  std::vector<std::pair<std::string, std::string>> given;
+  callerHeaders = headersGiven;
+  lowered.clear();
+  lowered.reserve(callerHeaders.size());
+  headers.clear();
+  headers.reserve(callerHeaders.size() + 4);
   hasRange = false;
+  bool hasUserAgent = false, hasAccept = false, hasAcceptEncoding = false;
   for (const auto& [name, value] : callerHeaders) {
-    std::string lower = Lower(name.View());
+    std::string_view lower = name.View();
+    if (std::any_of(lower.begin(), lower.end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
+      lowered.push_back(Lower(lower));
+      lower = lowered.back();
+    }
     if (lower == "range") hasRange = true;
     if (lower == "host") {
-      if (!value.empty()) authority = std::string(value.View());
+      if (!value.empty()) authority = value.View();
       continue;
     }
     if (IsConnectionSpecific(lower)) continue;
-    given.emplace_back(std::move(lower), std::string(value.View()));
+    hasUserAgent = hasUserAgent || lower == "user-agent";
+    hasAccept = hasAccept || lower == "accept";
+    hasAcceptEncoding = hasAcceptEncoding || lower == "accept-encoding";
+    headers.emplace_back(lower, value.View());
   }
-  auto has = [&](std::string_view name) {
-    return std::any_of(given.begin(), given.end(), [&](const auto& field) { return field.first == name; });
-  };
-  headers.clear();
-  if (!has("user-agent")) {
-    headers.emplace_back("user-agent", configuration.userAgent.empty() ? std::string("ostriolib/" KELNET_VERSION)
-                                                                         : configuration.userAgent);
+  auto front = headers.begin();
+  if (!hasUserAgent) {
+    static const std::string_view kDefault = "ostriolib/" KELNET_VERSION;
+    front = headers.emplace(front, "user-agent", configuration.userAgent.empty() ? kDefault
+                                                                                : std::string_view(configuration.userAgent));
+    ++front;
   }
-  if (!has("accept")) headers.emplace_back("accept", "*/*");
-  if (configuration.acceptCompressed && !hasRange && !has("accept-encoding")) {
-    headers.emplace_back("accept-encoding", "deflate, gzip");
+  if (!hasAccept) front = headers.emplace(front, "accept", "*/*") + 1;
+  if (configuration.acceptCompressed && !hasRange && !hasAcceptEncoding) {
+    headers.emplace(front, "accept-encoding", "deflate, gzip");
   }
-  for (auto& field : given) headers.push_back(std::move(field));
-  headers.emplace_back("content-length", std::to_string(bodySize));
+  const auto written = std::to_chars(contentLength, contentLength + sizeof contentLength, bodySize);
+  headers.emplace_back("content-length", std::string_view(contentLength, static_cast<std::size_t>(written.ptr - contentLength)));
 
   connectTimeout = configuration.connectTimeout;
   if (configuration.deadline.count() > 0) deadline = Clock::now() + configuration.deadline;

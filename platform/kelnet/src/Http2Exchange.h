@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -29,12 +30,15 @@ struct Http2Exchange {
   Configuration configuration;
   bool hasRange = false;
 
-  std::string host;       // lower-case; IPv6 without brackets
+  std::string host;  // lower-case; IPv6 without brackets
   std::uint16_t port = 443;
-  std::string authority;  // as the URL wrote it (host[:port])
-  std::string target;     // path and query
-  // The head after the pseudo-headers, names in lower case, in the order sent.
-  std::vector<std::pair<std::string, std::string>> headers;
+  // The head after the pseudo-headers, names in lower case, in the order sent. The views point
+  // into url, callerHeaders, lowered, contentLength or static text: nothing is copied per request
+  // but what must change.
+  std::string_view authority;  // as the URL wrote it (host[:port]), or the caller's Host
+  std::string_view target;     // path and query
+  std::vector<std::pair<std::string_view, std::string_view>> headers;
+  HeaderMap callerHeaders;  // also curl's, should the origin turn out not to speak HTTP/2
   Clock::time_point deadline = Clock::time_point::max();
   std::chrono::milliseconds connectTimeout{0};
 
@@ -45,12 +49,17 @@ struct Http2Exchange {
   std::size_t headBytes = 0;
 
   // Builds the head and the deadline; the caller has checked the headers (Request::PrepareHeaders).
-  void Prepare(const URLParts& parts, const HeaderMap& callerHeaders, std::size_t bodySize);
+  void Prepare(const URLParts& parts, const HeaderMap& headersGiven, std::size_t bodySize);
   // Forgets the attempt: the request starts over on another connection.
   void Restart();
 
   // The decoder of this attempt's answer body, made when its first bytes arrive.
   std::optional<internal::AnswerDecoder> decoder;
+
+ private:
+  std::vector<std::string> lowered;  // caller's names that were not in lower case
+  std::string ownTarget;             // "/" before a query when the URL has no path
+  char contentLength[24] = {};
 };
 
 }  // namespace kelnet

@@ -111,6 +111,16 @@ std::unique_ptr<Request> Http2Session::Cancel(Request* request) {
   return nullptr;
 }
 
+kelcore::ImmutableString Http2Session::Recent(std::string_view text) {
+  for (const auto& seen : recent_) {
+    if (seen.View() == text) return seen;
+  }
+  kelcore::ImmutableString made(text);
+  recent_[nextRecent_] = made;
+  nextRecent_ = (nextRecent_ + 1) % recent_.size();
+  return made;
+}
+
 bool Http2Session::Receive(const std::uint8_t* data, std::size_t size) {
   return !failed_ && nghttp2_session_mem_recv(session_, data, size) >= 0;
 }
@@ -158,7 +168,7 @@ void Http2Session::EndStream(int32_t streamId, const char* error, bool again) {
 }
 
 int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame, const uint8_t* name,
-                              size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t, void*) {
+                              size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t, void* self) {
   if (frame->hd.type != NGHTTP2_HEADERS) return 0;
   Request* request = StreamRequest(session, frame->hd.stream_id);
   if (!request) return 0;
@@ -179,8 +189,8 @@ int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame,
     return 0;
   }
   if (field.empty() || field.front() == ':') return 0;
-  request->answerHeaders.emplace(kelcore::ImmutableString(field),
-                                 kelcore::ImmutableString(View(value, valueLength)));
+  auto* owner = static_cast<Http2Session*>(self);
+  request->answerHeaders.emplace(owner->Recent(field), owner->Recent(View(value, valueLength)));
   return 0;
 }
 

@@ -9,10 +9,12 @@
 
 #include <nghttp2/nghttp2.h>
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -61,6 +63,9 @@ class Http2Session {
 
  private:
   void EndStream(int32_t streamId, const char* error, bool again);
+  // The answer's names and values, mostly the same from one answer to the next: taken from the
+  // last few seen rather than interned anew (a hash and a lock each).
+  kelcore::ImmutableString Recent(std::string_view text);
 
   static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name, size_t nameLength,
                       const uint8_t* value, size_t valueLength, uint8_t flags, void* self);
@@ -80,6 +85,8 @@ class Http2Session {
   Clock::time_point idleSince_ = Clock::now();
   std::unordered_map<int32_t, std::unique_ptr<Request>> streams_;
   std::vector<Ended> ended_;
+  std::array<kelcore::ImmutableString, 32> recent_;
+  std::size_t nextRecent_ = 0;
 };
 
 }  // namespace kelnet

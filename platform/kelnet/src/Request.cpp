@@ -12,11 +12,12 @@ namespace kelnet {
 
 using internal::HeaderLine;
 
-bool Request::PrepareHeaders(const HeaderMap& headers, bool& hasRange) {
+bool Request::PrepareHeaders(const HeaderMap& headers, bool& hasRange, bool forCurl) {
   hasRange = false;
   bool hasContentType = false;
   for (const auto& [name, value] : headers) {
     if (!internal::IsHeaderNameToken(name.View()) || !internal::IsSafeHeaderValue(value.View())) return false;
+    if (!forCurl) continue;
     std::string line(name.View());
     std::string lower;
     for (char c : line) lower.push_back((c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c);
@@ -31,7 +32,7 @@ bool Request::PrepareHeaders(const HeaderMap& headers, bool& hasRange) {
     }
     requestHeaders = curl_slist_append(requestHeaders, line.c_str());
   }
-  if (!streaming) {
+  if (forCurl && !streaming) {
     // No 100-continue round trip, and no form content type the caller did not ask for.
     requestHeaders = curl_slist_append(requestHeaders, "Expect:");
     if (!hasContentType) requestHeaders = curl_slist_append(requestHeaders, "Content-Type:");
@@ -58,7 +59,10 @@ void Request::PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, con
     curl_blob blob{const_cast<char*>(caBundle->data()), caBundle->size(), CURL_BLOB_NOCOPY};
     curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
   }
-  if (configuration.allowHttp2) {
+  // A stream goes over HTTP/1.1 whatever the configuration says: paused, it is held back by TCP
+  // after its queue and the socket buffer, where this curl would take up to 32 MiB more over
+  // HTTP/2 and hold up the POSTs sharing the connection's window (doc/decisions/044).
+  if (configuration.allowHttp2 && !streaming) {
     curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     // Wait for a connection that may multiplex rather than open one per request in a burst.
     curl_easy_setopt(easy, CURLOPT_PIPEWAIT, 1L);

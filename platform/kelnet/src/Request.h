@@ -72,7 +72,8 @@ struct Request {
 
   // Checks the caller's headers and builds the header list; false when one could split the
   // request. Then the easy handle's options; the handle is the request's from here on.
-  bool PrepareHeaders(const HeaderMap& headers, bool& hasRange);
+  // forCurl false: only the check (the HTTP/2 client builds its own head).
+  bool PrepareHeaders(const HeaderMap& headers, bool& hasRange, bool forCurl = true);
   void PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, const Configuration& configuration,
                    bool hasRange);
 

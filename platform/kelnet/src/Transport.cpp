@@ -136,15 +136,15 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   request->query = parts->query;
   request->userInfo = parts->userInfo;
 
-  bool hasRange = false;
-  if (!request->PrepareHeaders(headers, hasRange)) return false;
-  if (!configuration.caBundlePath.empty()) request->caBundle = caBundles_.Get(configuration.caBundlePath);
-
   // POSTs over HTTP/2 go over our own connections (Http2Client.h): what that client does not do
   // (a proxy, credentials in the URL, redirects, plain http) stays curl's.
   const bool ownHttp2 = !streaming && configuration.allowHttp2 && parts->scheme == "https" &&
                         parts->userInfo.empty() && configuration.proxy.empty() && !configuration.followRedirects &&
                         !ProxyInEnvironment();
+  bool hasRange = false;
+  if (!request->PrepareHeaders(headers, hasRange, !ownHttp2)) return false;
+  if (!configuration.caBundlePath.empty()) request->caBundle = caBundles_.Get(configuration.caBundlePath);
+
   CURL* easy = nullptr;
   if (ownHttp2) {
     request->http2 = std::make_unique<Http2Exchange>();
@@ -339,7 +339,9 @@ void Transport::HandToCurl(std::unique_ptr<Request> request) {
     return;
   }
   auto exchange = std::move(request->http2);
-  request->PrepareEasy(easy, exchange->url, exchange->configuration, exchange->hasRange);
+  bool hasRange = false;
+  request->PrepareHeaders(exchange->callerHeaders, hasRange);
+  request->PrepareEasy(easy, exchange->url, exchange->configuration, hasRange);
   if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
     Finish(std::move(request), CURLE_FAILED_INIT);
     return;

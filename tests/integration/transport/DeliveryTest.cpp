@@ -52,6 +52,17 @@ TEST_F(DeliveryTest, ConsumerThatCancelsOrThrowsGetsNoFurtherChunk) {
   }
 }
 
+// Even when the request allows HTTP/2: a paused HTTP/2 stream would keep receiving up to its
+// window, a paused HTTP/1.1 one is held back by TCP.
+TEST_F(DeliveryTest, StreamsGoOverHttp1Only) {
+  Awaited awaited;
+  ASSERT_TRUE(kelnet::StreamingGET(Guid::CreateUnique(), [](auto&, auto, auto, auto, auto&, auto&) {}, awaited.Completion(),
+                                   Url("/media/synthetic/1000"), {}, Trusted()));
+  auto response = awaited.Get();
+  ASSERT_TRUE(response);
+  EXPECT_EQ(response->HttpVersion(), "1.1");
+}
+
 // Through the service, with connections that break (resets, and clean but short answers) and a
 // consumer that stops for a while with every range on the wire: memory stays flat (the pause
 // bound of each range holds).

@@ -146,7 +146,6 @@ TEST_F(SegmentedDownloadTest, LargeResourceComesAsConcurrentGuardedPiecesThatRes
   std::set<std::size_t> starts;
   for (std::size_t i = 0; i < all.size(); ++i) {
     EXPECT_EQ(all[i]->Header("if-range"), i == 0 ? "" : "\"v1\"") << i;
-    EXPECT_FALSE(all[i]->configuration.allowHttp2) << i;
     starts.insert(AskedRange(all[i]).first);
   }
   EXPECT_EQ(std::count_if(starts.begin(), starts.end(), [&](std::size_t first) { return starts.count(first - 300000); }),

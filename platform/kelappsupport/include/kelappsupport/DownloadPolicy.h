@@ -19,11 +19,9 @@ struct DownloadPolicy {
   int maxSegments = 8;  // 1: never more than one range request at a time
   std::uint64_t pieceBytes = 32ull << 20;
   int maxResumes = 5;
-  // Every range request of a download, the probe included, gets a connection of its own
-  // (HTTP/1.1) rather than a stream of a shared HTTP/2 connection: ranges then really run in
-  // parallel, and a range paused for a slow consumer holds its queue (at most 4 MiB) and the socket's
-  // buffer, where a paused HTTP/2 stream keeps receiving up to its window (see decision 012).
-  bool separateConnections = true;
+  // Every range request, the probe included, goes over a connection of its own (kelnet streams
+  // over HTTP/1.1 only, decision 044): ranges really run in parallel, and a paused one holds its
+  // queue and the socket's buffer.
 };
 
 }  // namespace kelappsupport::cloudservice

@@ -6,7 +6,8 @@
 // others, never a transfer). A streaming GET's data callback and its completion run on kelnet's
 // delivery thread, in order: every chunk in the order received, then the completion. A slow data
 // callback holds up delivery, not receiving: each transfer queues a few MiB and pauses while its
-// queue is full (over HTTP/2 curl still receives up to the stream's 32 MiB window; decision 012). None ever runs on the caller's stack. A request
+// queue is full. Streaming GETs always go over HTTP/1.1 (decision 044), so a paused one holds no
+// more than its queue and the socket buffer. None ever runs on the caller's stack. A request
 // that fails without a complete HTTP answer (connection refused, TLS failure, timeout, reset
 // mid-body, cancellation, shutdown) completes with a null response; the reason goes to the log
 // with the host only, never the URL's path or query (they may carry tokens).

@@ -52,9 +52,8 @@ struct Configuration {
   // A transfer slower than lowSpeedBytesPerSecond for lowSpeedTime is aborted.
   std::chrono::milliseconds lowSpeedTime{30000};
   std::uint32_t lowSpeedBytesPerSecond = 1;
-  // HTTP/2 over TLS when the server offers it, several requests multiplexed on one connection.
-  // False keeps the request on HTTP/1.1: a connection of its own, which is what parallel range
-  // requests want.
+  // POST only: HTTP/2 over TLS when the server offers it, several requests multiplexed on one
+  // connection. False keeps the request on HTTP/1.1. A streaming GET is always HTTP/1.1.
   bool allowHttp2 = true;
   std::size_t receiveBufferSize = 0;  // bytes; 0: the transport's default
   // POST only: an answer body (decoded) longer than this fails the request with a null response
