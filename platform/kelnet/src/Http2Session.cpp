@@ -113,10 +113,12 @@ std::unique_ptr<Request> Http2Session::Cancel(Request* request) {
 
 kelcore::ImmutableString Http2Session::Recent(std::string_view text) {
   for (const auto& seen : recent_) {
-    if (seen.View() == text) return seen;
+    if (seen.view.size() == text.size() && std::memcmp(seen.view.data(), text.data(), text.size()) == 0) {
+      return seen.text;
+    }
   }
   kelcore::ImmutableString made(text);
-  recent_[nextRecent_] = made;
+  recent_[nextRecent_] = {made.View(), made};
   nextRecent_ = (nextRecent_ + 1) % recent_.size();
   return made;
 }

@@ -85,7 +85,11 @@ class Http2Session {
   Clock::time_point idleSince_ = Clock::now();
   std::unordered_map<int32_t, std::unique_ptr<Request>> streams_;
   std::vector<Ended> ended_;
-  std::array<kelcore::ImmutableString, 32> recent_;
+  struct RecentText {
+    std::string_view view;  // of text, kept beside it: compared without a call per entry
+    kelcore::ImmutableString text;
+  };
+  std::array<RecentText, 32> recent_;
   std::size_t nextRecent_ = 0;
 };
 
