@@ -10,6 +10,7 @@ const kelcore::ImmutableString kHEADER_RANGE("range");
 const kelcore::ImmutableString kHEADER_CONTENT_RANGE("content-range");
 const kelcore::ImmutableString kHEADER_ACCEPT_RANGES("accept-ranges");
 const kelcore::ImmutableString kHEADER_CONTENT_LENGTH("content-length");
+const kelcore::ImmutableString kHEADER_CONTENT_ENCODING("content-encoding");
 const kelcore::ImmutableString kHEADER_ETAG("etag");
 const kelcore::ImmutableString kHEADER_IF_RANGE("if-range");
 const kelcore::ImmutableString kHEADER_LAST_MODIFIED("last-modified");

@@ -3,6 +3,7 @@
 #include "kelnet/internal/HeaderParsing.h"
 
 #include <algorithm>
+#include <cstring>
 #include <charconv>
 
 namespace kelnet::internal {
@@ -41,7 +42,11 @@ bool IsHeaderNameToken(std::string_view name) {
 }
 
 bool IsSafeHeaderValue(std::string_view value) {
-  return std::none_of(value.begin(), value.end(), [](char c) { return c == '\r' || c == '\n' || c == '\0'; });
+  // Three vectorised scans beat one loop of three compares on the long values (tokens).
+  for (const char bad : {'\r', '\n', '\0'}) {
+    if (std::memchr(value.data(), bad, value.size())) return false;
+  }
+  return true;
 }
 
 std::optional<ContentRange> ParseContentRange(std::string_view value) {

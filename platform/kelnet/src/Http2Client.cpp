@@ -8,6 +8,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace kelnet {
 namespace {
@@ -71,6 +72,7 @@ SSL_CTX* Http2Client::Context(const std::shared_ptr<const std::string>& pem) {
 }
 
 void Http2Client::Add(std::unique_ptr<Request> request) {
+  std::lock_guard lock(mutex_);
   Http2Exchange& exchange = *request->http2;
   Origin* found = lastOrigin_;
   if (!found || found->port != exchange.port || found->pem != request->caBundle || found->host != exchange.host) {
@@ -132,6 +134,7 @@ void Http2Client::Connect(Origin& origin) {
 }
 
 bool Http2Client::OnConnected(CURL* easy, CURLcode code) {
+  std::lock_guard lock(mutex_);
   auto it = connecting_.find(easy);
   if (it == connecting_.end()) return false;
   Origin& origin = *it->second;
@@ -247,6 +250,7 @@ void Http2Client::EndExpired(Clock::time_point now) {
 }
 
 void Http2Client::Drive(bool polled) {
+  std::lock_guard lock(mutex_);
   const auto now = Clock::now();
   EndExpired(now);
   auto readable = [&](int fd) {
@@ -270,6 +274,7 @@ void Http2Client::Drive(bool polled) {
 }
 
 void Http2Client::Cancel(const kelcore::utility::Guid& id) {
+  std::lock_guard lock(mutex_);
   for (auto& [key, origin] : origins_) {
     for (auto it = origin.waiting.begin(); it != origin.waiting.end();) {
       if ((*it)->id != id) {
@@ -295,6 +300,8 @@ void Http2Client::Cancel(const kelcore::utility::Guid& id) {
 }
 
 void Http2Client::Stop() {
+  std::lock_guard lock(mutex_);
+  stopped_ = true;
   for (auto& [key, origin] : origins_) {
     for (auto& connection : origin.connections) {
       for (Request* request : connection->Requests()) ended_.push_back({connection->Cancel(request), nullptr, false});
@@ -314,7 +321,61 @@ void Http2Client::Stop() {
   connecting_.clear();
 }
 
+Http2Client::Clock::time_point Http2Client::NextDeadline() const {
+  std::lock_guard lock(mutex_);
+  return nextDeadline_;
+}
+
+std::vector<Http2Client::Ended> Http2Client::TakeEnded() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(ended_, {});
+}
+
+std::vector<std::unique_ptr<Request>> Http2Client::TakeForCurl() {
+  std::lock_guard lock(mutex_);
+  return std::exchange(forCurl_, {});
+}
+
+bool Http2Client::SubmitNow(std::vector<std::unique_ptr<Request>>& requests) {
+  std::lock_guard lock(mutex_);
+  if (stopped_ || !lastOrigin_) return false;
+  Origin& origin = *lastOrigin_;
+  Http2Connection* open = nullptr;
+  for (auto& connection : origin.connections) {
+    if (connection->GetState() == Http2Connection::State::Open) {
+      open = connection.get();
+      break;
+    }
+  }
+  if (!open) return false;
+  bool look = false;
+  const auto soon = Clock::now() + std::chrono::seconds(1);
+  std::size_t kept = 0;
+  for (auto& request : requests) {
+    Http2Exchange& exchange = *request->http2;
+    const bool sameOrigin =
+        origin.port == exchange.port && origin.pem == request->caBundle && origin.host == exchange.host;
+    ++exchange.attempts;
+    if (sameOrigin && open->Submit(request)) {
+      if (exchange.deadline < nextDeadline_) {
+        nextDeadline_ = exchange.deadline;
+        // The network thread wakes at least once a second (Transport's longest poll) and then
+        // reads the deadline again: only an earlier one needs it woken.
+        look = look || exchange.deadline < soon;
+      }
+      continue;
+    }
+    --exchange.attempts;
+    requests[kept++] = std::move(request);
+  }
+  requests.resize(kept);
+  const auto state = open->GetState();
+  open->Drive(false);
+  return look || open->GetState() != state || (open->PollEvents() & POLLOUT) || !open->TakeEnded().empty();
+}
+
 std::vector<curl_waitfd>& Http2Client::PollSet() {
+  std::lock_guard lock(mutex_);
   pollSet_.clear();
   for (auto& [key, origin] : origins_) {
     for (auto& connection : origin.connections) {
@@ -326,6 +387,7 @@ std::vector<curl_waitfd>& Http2Client::PollSet() {
 }
 
 bool Http2Client::Empty() const {
+  std::lock_guard lock(mutex_);
   for (const auto& [key, origin] : origins_) {
     if (!origin.waiting.empty() || origin.connecting) return false;
     for (const auto& connection : origin.connections) {

@@ -8,7 +8,11 @@
 // origin whose TLS handshake does not pick "h2" is handed back to curl for good: its requests
 // come out of TakeForCurl.
 //
-// Threads: the network thread alone.
+// Threads: the network thread drives it; the completion thread puts the requests its completions
+// start straight on an open connection and writes them when its batch is done (SubmitNow), so
+// that a round of answers and the requests they start cost one wake-up of the network thread
+// instead of two. One mutex guards everything here, TLS and nghttp2
+// included; the network thread holds it while it reads, never while it sleeps.
 
 #include <curl/curl.h>
 #include <openssl/ssl.h>
@@ -17,6 +21,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -46,16 +51,24 @@ class Http2Client {
   // revents are this turn's (a connection without events is not read).
   void Drive(bool polled);
   void Cancel(const kelcore::utility::Guid& id);
-  // Every request ends, cancelled, and every connection closes.
+  // Every request ends, cancelled, and every connection closes; SubmitNow places none from here on.
   void Stop();
 
-  // The sockets to poll; their revents are read by the next Drive(true).
+  // Completion thread, once its batch of completions has run: puts the requests they started on
+  // an open connection to their origin (the one the last request went to) and writes them. What
+  // it could not place stays in requests, in order, for the network thread. True when the
+  // network thread must look: a write waits for the socket, a stream ended, or a deadline is
+  // earlier than it knows of.
+  bool SubmitNow(std::vector<std::unique_ptr<Request>>& requests);
+
+  // Network thread: the sockets to poll, written into by curl_multi_poll; their revents are read
+  // by the next Drive(true).
   std::vector<curl_waitfd>& PollSet();
-  Clock::time_point NextDeadline() const { return nextDeadline_; }
+  Clock::time_point NextDeadline() const;
   bool Empty() const;
 
-  std::vector<Ended>& TakeEnded() { return ended_; }
-  std::vector<std::unique_ptr<Request>>& TakeForCurl() { return forCurl_; }
+  std::vector<Ended> TakeEnded();
+  std::vector<std::unique_ptr<Request>> TakeForCurl();
 
  private:
   struct Origin {
@@ -81,6 +94,8 @@ class Http2Client {
   void Fail(std::deque<std::unique_ptr<Request>>& requests, const char* why);
   void EndExpired(Clock::time_point now);
 
+  mutable std::mutex mutex_;
+  bool stopped_ = false;
   CURLM* multi_ = nullptr;
   std::string caFile_;
   std::string caPath_;

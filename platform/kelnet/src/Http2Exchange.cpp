@@ -43,9 +43,8 @@ void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven
     target = ownTarget;
   }
 
-  callerHeaders = headersGiven;
+  callerHeaders.assign(headersGiven.begin(), headersGiven.end());
   lowered.clear();
-  lowered.reserve(callerHeaders.size());
   headers.clear();
   headers.reserve(callerHeaders.size() + 4);
   hasRange = false;
@@ -53,6 +52,8 @@ void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven
   for (const auto& [name, value] : callerHeaders) {
     std::string_view lower = name.View();
     if (std::any_of(lower.begin(), lower.end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
+      // Views into it are taken as it grows: room for every name first.
+      if (lowered.empty()) lowered.reserve(callerHeaders.size());
       lowered.push_back(Lower(lower));
       lower = lowered.back();
     }

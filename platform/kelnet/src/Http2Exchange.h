@@ -38,7 +38,8 @@ struct Http2Exchange {
   std::string_view authority;  // as the URL wrote it (host[:port]), or the caller's Host
   std::string_view target;     // path and query
   std::vector<std::pair<std::string_view, std::string_view>> headers;
-  HeaderMap callerHeaders;  // also curl's, should the origin turn out not to speak HTTP/2
+  // The caller's headers, as given (curl's, should the origin turn out not to speak HTTP/2).
+  std::vector<std::pair<kelcore::ImmutableString, kelcore::ImmutableString>> callerHeaders;
   Clock::time_point deadline = Clock::time_point::max();
   std::chrono::milliseconds connectTimeout{0};
 
@@ -57,7 +58,7 @@ struct Http2Exchange {
   std::optional<internal::AnswerDecoder> decoder;
 
  private:
-  std::vector<std::string> lowered;  // caller's names that were not in lower case
+  std::vector<std::string> lowered;  // caller's names that were not in lower case (rare)
   std::string ownTarget;             // "/" before a query when the URL has no path
   char contentLength[24] = {};
 };

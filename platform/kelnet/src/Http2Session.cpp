@@ -209,7 +209,7 @@ int Http2Session::OnFrameReceived(nghttp2_session* session, const nghttp2_frame*
   // A body announced larger than the limit fails now, before any of it is held.
   const auto& headers = request->answerHeaders;
   auto length = headers.find(kHEADER_CONTENT_LENGTH);
-  if (length == headers.end() || headers.count(kelcore::ImmutableString("content-encoding"))) return 0;
+  if (length == headers.end() || headers.count(kHEADER_CONTENT_ENCODING)) return 0;
   const auto announced = internal::ParseDecimal(length->second.View());
   if (announced && *announced > request->maxAnswerBodyBytes) {
     request->broken = "answer larger than its limit";
@@ -227,7 +227,7 @@ int Http2Session::OnDataChunk(nghttp2_session* session, uint8_t, int32_t streamI
   request->bodyStarted = true;
   auto& decoder = request->http2->decoder;
   if (!decoder) {
-    auto encoding = request->answerHeaders.find(kelcore::ImmutableString("content-encoding"));
+    auto encoding = request->answerHeaders.find(kHEADER_CONTENT_ENCODING);
     decoder.emplace(encoding == request->answerHeaders.end() ? std::string_view() : encoding->second.View());
   }
   const char* broken = nullptr;

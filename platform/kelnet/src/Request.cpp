@@ -177,7 +177,7 @@ void Request::StartBody() {
     total = range->total.value_or(0);
     rangeLength = range->last - range->first + 1;
   } else if (deliver) {
-    if (answerHeaders.find(kelcore::ImmutableString("content-encoding")) == answerHeaders.end()) {
+    if (answerHeaders.find(kHEADER_CONTENT_ENCODING) == answerHeaders.end()) {
       curl_off_t contentLength = -1;
       curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
       if (contentLength > 0) total = static_cast<std::uint64_t>(contentLength);
@@ -186,7 +186,7 @@ void Request::StartBody() {
     curl_off_t contentLength = -1;
     curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &contentLength);
     if (contentLength > 0 && static_cast<std::uint64_t>(contentLength) > maxAnswerBodyBytes &&
-        answerHeaders.find(kelcore::ImmutableString("content-encoding")) == answerHeaders.end()) {
+        answerHeaders.find(kHEADER_CONTENT_ENCODING) == answerHeaders.end()) {
       broken = "answer larger than its limit";
       return;
     }

@@ -77,6 +77,13 @@ struct Request {
   void PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, const Configuration& configuration,
                    bool hasRange);
 
+  // What of the URL must never reach the log: curl's error texts are checked against it.
+  void KeepSecretsOfURL(const URLParts& parts) {
+    path = parts.path == "/" ? std::string() : parts.path;
+    query = parts.query;
+    userInfo = parts.userInfo;
+  }
+
   // Forgets the answer so far: the same request starts over on a fresh connection.
   void Restart();
 

@@ -23,12 +23,19 @@ void LogWarning(std::string message, std::vector<std::pair<std::string, std::str
 }
 
 // The proxy variables curl reads for an https URL: a request they may apply to stays curl's.
+// Read again at most once a second per thread: a scan of the environment per request shows.
 bool ProxyInEnvironment() {
+  thread_local std::chrono::steady_clock::time_point readAt;
+  thread_local bool set = false;
+  const auto now = std::chrono::steady_clock::now();
+  if (readAt != std::chrono::steady_clock::time_point() && now - readAt < std::chrono::seconds(1)) return set;
+  readAt = now;
+  set = false;
   for (const char* name : {"https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
     const char* value = std::getenv(name);
-    if (value && *value) return true;
+    if (value && *value) set = true;
   }
-  return false;
+  return set;
 }
 
 }  // namespace
@@ -142,9 +149,6 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   request->completion = std::move(completion);
   request->requestBody = std::move(requestBody);
   request->host = parts->host;
-  request->path = parts->path == "/" ? std::string() : parts->path;
-  request->query = parts->query;
-  request->userInfo = parts->userInfo;
 
   // POSTs over HTTP/2 go over our own connections (Http2Client.h): what that client does not do
   // (a proxy, credentials in the URL, redirects, plain http) stays curl's.
@@ -163,12 +167,19 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     request->http2->Prepare(*parts, headers, request->requestBody ? request->requestBody->Size() : 0);
     request->maxAnswerBodyBytes = configuration.maxAnswerBodyBytes;
   } else {
+    request->KeepSecretsOfURL(*parts);
     easy = AcquireEasy();
     if (!easy) return false;
     request->PrepareEasy(easy, url, configuration, hasRange);
   }
 
+  const bool onCompletionThread = std::this_thread::get_id() == completions_.ThreadId();
   std::lock_guard lock(mutex_);
+  if (ownHttp2 && onCompletionThread && !shutdown_) {
+    // Written by the completion thread itself once its batch is done (SubmitBatch).
+    batched_.push_back(std::move(request));
+    return true;
+  }
   if (shutdown_ || !StartThreadLocked()) {
     request->easy = nullptr;
     if (easy) curl_easy_cleanup(easy);
@@ -178,7 +189,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   // A completion that starts the next request is usually one of several handed over together:
   // the network thread is woken once, when the completion thread has run them all, and sends the
   // requests they started in one write.
-  if (std::this_thread::get_id() == completions_.ThreadId()) {
+  if (onCompletionThread) {
     wakeDeferred_ = true;
   } else {
     WakeLocked();
@@ -195,12 +206,7 @@ bool Transport::StartThreadLocked() {
   threadStarted_ = true;
   // The delivery and completion threads first: the network thread may hand them work at once.
   delivery_.Start();
-  completions_.Start([this] {
-    std::lock_guard lock(mutex_);
-    if (!wakeDeferred_) return;
-    wakeDeferred_ = false;
-    WakeLocked();
-  });
+  completions_.Start([this] { SubmitBatch(); });
   thread_ = std::thread([this] { Run(); });
   threadId_ = thread_.get_id();
   return true;
@@ -214,6 +220,35 @@ void Transport::WakeLocked() {
   // curl's wake-up (a write to its socket pair, and two reads to drain it) is for a loop that
   // sleeps, or has decided to (10 000 POSTs, 16 in flight: 77k system calls instead of 89k).
   if (polling_) curl_multi_wakeup(multi_);
+}
+
+// Completion thread, its batch run: the POSTs those completions started go straight onto an open
+// connection; the rest (and any request for another origin) to the network thread.
+void Transport::SubmitBatch() {
+  std::vector<std::unique_ptr<Request>> batch;
+  {
+    std::lock_guard lock(mutex_);
+    batch.swap(batched_);
+  }
+  const bool look = !batch.empty() && http2_.SubmitNow(batch);
+  std::vector<std::unique_ptr<Request>> refused;
+  {
+    std::lock_guard lock(mutex_);
+    if (threadExited_) {
+      refused.swap(batch);
+    } else {
+      for (auto& request : batch) incoming_.push_back(std::move(request));
+      if (!batch.empty() || look) wakeDeferred_ = true;
+    }
+    if (wakeDeferred_) {
+      wakeDeferred_ = false;
+      WakeLocked();
+    }
+  }
+  // Accepted, but the network thread has ended: they complete here, without an answer.
+  for (auto& request : refused) {
+    if (request->completion) request->completion(request->id, nullptr);
+  }
 }
 
 void Transport::WakeNetwork() {
@@ -337,9 +372,7 @@ void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* err
 // goes to curl.
 void Transport::TakeOwnHttp2Results() {
   for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), ended.error);
-  http2_.TakeEnded().clear();
   for (auto& request : http2_.TakeForCurl()) HandToCurl(std::move(request));
-  http2_.TakeForCurl().clear();
 }
 
 void Transport::HandToCurl(std::unique_ptr<Request> request) {
@@ -349,8 +382,9 @@ void Transport::HandToCurl(std::unique_ptr<Request> request) {
     return;
   }
   auto exchange = std::move(request->http2);
+  if (auto parts = ParseURL(exchange->url.View())) request->KeepSecretsOfURL(*parts);
   bool hasRange = false;
-  request->PrepareHeaders(exchange->callerHeaders, hasRange);
+  request->PrepareHeaders(HeaderMap(exchange->callerHeaders.begin(), exchange->callerHeaders.end()), hasRange);
   request->PrepareEasy(easy, exchange->url, exchange->configuration, hasRange);
   if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
     Finish(std::move(request), CURLE_FAILED_INIT);
@@ -422,12 +456,10 @@ void Transport::Run() {
       }
       http2_.Stop();
       for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), nullptr);
-      http2_.TakeEnded().clear();
       for (auto& request : http2_.TakeForCurl()) {
         request->cancelled = true;
         FinishOwnHttp2(std::move(request), nullptr);
       }
-      http2_.TakeForCurl().clear();
       HandOverCompletions();
       RunTimerTasks(due);
       std::lock_guard lock(mutex_);

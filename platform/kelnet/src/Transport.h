@@ -57,6 +57,7 @@ class Transport {
   bool StartThreadLocked();
   void WakeLocked();
   void WakeNetwork();
+  void SubmitBatch();
   void Run();
   void AttendStreams();
   void RunTimerTasks(std::vector<std::function<void()>>& due);
@@ -78,6 +79,7 @@ class Transport {
   bool wakePending_ = false;
   bool polling_ = false;  // the loop sleeps in curl_multi_poll, or is about to
   bool wakeDeferred_ = false;  // requests came from completions: woken once they have all run
+  std::vector<std::unique_ptr<Request>> batched_;  // POSTs over HTTP/2 from completions, for SubmitBatch
   CURLM* multi_ = nullptr;
   std::thread thread_;
   std::atomic<std::thread::id> threadId_{};
