@@ -5,7 +5,8 @@
 // that stopped writing would hold it up). See doc/decisions/010.
 //
 // Threads: Post from any thread; Stop from the network thread as it ends; Join from any thread
-// but this one.
+// but this one. The onDrained hook (Transport's: it writes the POSTs the batch started) runs here
+// whenever the queue has run dry, before the thread waits.
 
 #include <atomic>
 #include <condition_variable>

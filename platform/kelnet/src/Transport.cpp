@@ -226,11 +226,14 @@ void Transport::WakeLocked() {
 // connection; the rest (and any request for another origin) to the network thread.
 void Transport::SubmitBatch() {
   std::vector<std::unique_ptr<Request>> batch;
+  std::vector<std::unique_ptr<Request>> cancelled;
   {
     std::lock_guard lock(mutex_);
-    batch.swap(batched_);
+    for (auto& request : batched_) (request->cancelled ? cancelled : batch).push_back(std::move(request));
+    batched_.clear();
   }
   const bool look = !batch.empty() && http2_.SubmitNow(batch);
+  for (auto& request : cancelled) batch.push_back(std::move(request));
   std::vector<std::unique_ptr<Request>> refused;
   {
     std::lock_guard lock(mutex_);
@@ -261,6 +264,10 @@ void Transport::Cancel(const Guid& id) {
   // callback no further chunk of the request may arrive.
   delivery_.Cancel(id);
   std::lock_guard lock(mutex_);
+  // Not yet on a connection: SubmitBatch hands these to the network thread, which ends them.
+  for (auto& request : batched_) {
+    if (request->id == id) request->cancelled = true;
+  }
   if (threadExited_ || !threadStarted_) return;
   cancels_.push_back(id);
   WakeLocked();
@@ -472,7 +479,11 @@ void Transport::Run() {
 
     for (auto& request : incoming) {
       if (request->http2) {
-        http2_.Add(std::move(request));
+        if (request->cancelled) {
+          FinishOwnHttp2(std::move(request), nullptr);  // cancelled before it reached a connection
+        } else {
+          http2_.Add(std::move(request));
+        }
         continue;
       }
       CURL* easy = request->easy;

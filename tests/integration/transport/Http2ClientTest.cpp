@@ -98,10 +98,24 @@ TEST_F(Http2ClientTest, DeadlineLimitResetAndCancelEndOneStreamOnly) {
   }
   kelnet::Cancel(id);
   EXPECT_FALSE(cancelled.Get());
+  // Cancelled by the completion that started it, before it reached a connection: never sent.
+  Awaited started, outer;
+  const Guid next = Guid::CreateUnique();
+  ASSERT_TRUE(kelnet::POST(
+      Guid::CreateUnique(),
+      [&](const Guid& id, const std::shared_ptr<kelnet::Response>& response) {
+        EXPECT_TRUE(kelnet::POST(next, started.Completion(), Url("/graphql"),
+                                 kelcore::allocator::RecycledMemory::Copy(kQuery), {}, Trusted()));
+        kelnet::Cancel(next);
+        outer.Completion()(id, response);
+      },
+      Url("/graphql"), kelcore::allocator::RecycledMemory::Copy(kQuery), {}, Trusted()));
+  EXPECT_TRUE(outer.Get());
+  EXPECT_FALSE(started.Get());
   auto after = Post(kQuery);
   ASSERT_TRUE(after);
   EXPECT_EQ(after->StatusCode(), 200);
-  EXPECT_EQ(Requests().size(), 5u);
+  EXPECT_EQ(Requests().size(), 6u);
   const std::string logged = log.AllText();
   for (const char* reason : {"deadline passed", "answer larger than its limit", "INTERNAL_ERROR"}) {
     EXPECT_NE(logged.find(reason), std::string::npos) << reason << " in " << logged;

@@ -1,5 +1,6 @@
 #pragma once
-// HTTP POST and streaming GET on one network thread (libcurl multi).
+// HTTP POST and streaming GET on one network thread (libcurl multi; POSTs over HTTP/2 on
+// connections of kelnet's own, decision 043).
 //
 // No callback ever runs on the network thread. Completions of POSTs and the tasks of ScheduleAfter
 // run on kelnet's completion thread, one at a time: keep them short (one that blocks holds up the
