@@ -42,7 +42,6 @@ TEST_F(Http2ClientTest, BodiesCrossWholeWithAnExactHead) {
   const auto requests = Requests();
   ASSERT_EQ(requests.size(), 2u);
   const std::string url(Url("/graphql").View());
-  const std::string authority = url.substr(8, url.find('/', 8) - 8);
   for (std::size_t i = 0; i < 2; ++i) {
     const auto entry = requests[i].AsDictionary();
     std::multimap<std::string, std::string> sent;
@@ -50,8 +49,7 @@ TEST_F(Http2ClientTest, BodiesCrossWholeWithAnExactHead) {
     const std::string body = i == 0 ? big : "";
     EXPECT_TRUE(entry.GetString("body") == body) << i << ": " << entry.GetString("body").size() << " bytes";
     EXPECT_EQ(entry.GetString("httpVersion"), "2.0");
-    EXPECT_EQ(entry.GetString("host"), authority);
-    EXPECT_EQ(entry.GetString("method") + " " + entry.GetString("path"), "POST /graphql");
+    EXPECT_EQ(entry.GetString("method") + " " + entry.GetString("url"), "POST " + url);  // scheme and authority
     EXPECT_EQ(sent.count("content-length") == 1 ? sent.find("content-length")->second : "", std::to_string(body.size()));
     EXPECT_EQ(sent.count("content-type"), 1u);
   }

@@ -58,7 +58,11 @@ TEST(AnswerDecoderTest, EncodedBodiesDecodeExactlyOrFail) {
   EXPECT_EQ(json.rfind(cut.substr(12), 0), 0u);
   EXPECT_EQ(Decode("gzip", gzip + "tail", 100), "failed: answer could not be decoded");
   EXPECT_EQ(Decode("gzip", json, 100), "failed: answer could not be decoded");
-  EXPECT_EQ(Decode("", json, 100, json.size() - 1), "failed: answer larger than its limit");
+  // The limit is of the decoded body, to the byte.
+  for (const auto& [encoding, wire] : {std::pair{"", json}, std::pair{"gzip", gzip}}) {
+    EXPECT_EQ(Decode(encoding, wire, 100, json.size()), json) << encoding;
+    EXPECT_EQ(Decode(encoding, wire, 100, json.size() - 1), "failed: answer larger than its limit") << encoding;
+  }
   // 64 MiB of zeros in a few dozen KiB: refused at the limit, not after inflating them all.
   EXPECT_EQ(Decode("gzip", Compress(std::string(64 << 20, '\0'), 31), 4096, 100000),
             "failed: answer larger than its limit");
