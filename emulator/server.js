@@ -24,6 +24,7 @@ const USAGE = `usage: node server.js [options]
   --fault JSON           arm a fault at start (repeatable; same object as POST /_emulator/faults)
   --no-log               keep no request log (benchmarks)
   --quiet                no logging after the first line
+  --exit-with-stdin      stop when stdin ends (a parent that dies leaves no emulator behind)
 `;
 
 function fail(message) {
@@ -81,6 +82,7 @@ function parseArgs(argv) {
       }
       case '--no-log': opts.keepLog = false; break;
       case '--quiet': opts.quiet = true; break;
+      case '--exit-with-stdin': opts.exitWithStdin = true; break;
       case '--help': case '-h': process.stdout.write(USAGE); process.exit(0); break;
       default: fail(`unknown option ${arg}`);
     }
@@ -161,6 +163,11 @@ function main() {
   };
   process.on('SIGTERM', stop);
   process.on('SIGINT', stop);
+  if (opts.exitWithStdin) {
+    process.stdin.on('end', stop);
+    process.stdin.on('error', stop);
+    process.stdin.resume();
+  }
 }
 
 main();

@@ -50,8 +50,19 @@ std::unique_ptr<EmulatorProcess> EmulatorProcess::Start(std::vector<std::string>
     std::perror("pipe");
     return nullptr;
   }
+  // The emulator's stdin is a pipe only this process writes to: if this process dies (a crash,
+  // a kill from ctest's timeout), the pipe ends and the emulator stops instead of holding
+  // ctest's output open forever.
+  int lifeline[2];
+  if (::pipe2(lifeline, O_CLOEXEC) != 0) {
+    std::perror("pipe");
+    ::close(out[0]);
+    ::close(out[1]);
+    return nullptr;
+  }
+  emulator->lifeline_ = lifeline[1];
   std::vector<std::string> args = {"node", EmulatorDir() + "/server.js", "--port", "0", "--state",
-                                   emulator->stateDir_, "--quiet"};
+                                   emulator->stateDir_, "--quiet", "--exit-with-stdin"};
   args.insert(args.end(), extraArgs.begin(), extraArgs.end());
   std::vector<char*> argv;
   for (auto& arg : args) argv.push_back(arg.data());
@@ -60,10 +71,11 @@ std::unique_ptr<EmulatorProcess> EmulatorProcess::Start(std::vector<std::string>
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, lifeline[0], STDIN_FILENO);
   const int spawned = ::posix_spawnp(&emulator->pid_, "node", &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(out[1]);
+  ::close(lifeline[0]);
   if (spawned != 0) {
     std::fprintf(stderr, "EmulatorProcess: cannot spawn node: %s\n", std::strerror(spawned));
     ::close(out[0]);
@@ -125,6 +137,7 @@ EmulatorProcess::~EmulatorProcess() {
       ::waitpid(pid_, &status, 0);
     }
   }
+  if (lifeline_ >= 0) ::close(lifeline_);
   if (drain_.joinable()) drain_.join();  // the pipe closes with the child
   if (!stateDir_.empty()) {
     std::error_code ignored;

@@ -43,4 +43,5 @@ class EmulatorProcess {
   std::string controlUrl_;
   std::string stateDir_;
   std::thread drain_;  // keeps reading the emulator's stdout so it never blocks on a full pipe
+  int lifeline_ = -1;  // the write end of the emulator's stdin: it ends when this process does
 };

@@ -67,8 +67,8 @@ bool Http2Session::Start() {
 bool Http2Session::Submit(std::unique_ptr<Request>& request) {
   if (failed_ || goawayReceived_) return false;
   const Http2Exchange& exchange = *request->http2;
-  std::vector<nghttp2_nv> head;
-  head.reserve(4 + exchange.headers.size());
+  std::vector<nghttp2_nv>& head = head_;  // nghttp2 copies it: one vector serves every request
+  head.clear();
   auto add = [&](std::string_view name, std::string_view value) {
     head.push_back({reinterpret_cast<uint8_t*>(const_cast<char*>(name.data())),
                     reinterpret_cast<uint8_t*>(const_cast<char*>(value.data())), name.size(), value.size(),

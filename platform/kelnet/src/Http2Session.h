@@ -90,6 +90,7 @@ class Http2Session {
     kelcore::ImmutableString text;
   };
   std::array<RecentText, 32> recent_;
+  std::vector<nghttp2_nv> head_;
   std::size_t nextRecent_ = 0;
 };
 
