@@ -17,25 +17,12 @@ namespace {
 
 // The throttling key (scheme, host and port) and whether the token may go there, from one parse.
 void ClassifyDestination(const kelcore::ImmutableString& url, Exchange& exchange) {
-  // Mostly the URL this thread's last request went to (an interned string: one pointer compared).
-  thread_local struct {
-    kelcore::ImmutableString url;
-    std::optional<kelnet::URLParts> parts;
-    std::string hostKey;
-  } last;
-  if (!(last.url == url) || url.empty()) {
-    last.url = url;
-    last.parts = kelnet::ParseURL(url.View());
-    if (last.parts) {
-      const auto& parts = *last.parts;
-      const unsigned port = parts.port ? *parts.port : (parts.scheme == "https" ? 443u : 80u);
-      last.hostKey = parts.scheme + "://" + parts.host + ":" + std::to_string(port);
-    }
-  }
-  if (!last.parts) return;
-  exchange.hostKey = last.hostKey;
-  exchange.secure = last.parts->scheme == "https";
-  exchange.host = last.parts->host;
+  const auto& parts = kelnet::ParseURLOfThread(url);
+  if (!parts) return;
+  const unsigned port = parts->port ? *parts->port : (parts->scheme == "https" ? 443u : 80u);
+  exchange.hostKey = parts->scheme + "://" + parts->host + ":" + std::to_string(port);
+  exchange.secure = parts->scheme == "https";
+  exchange.host = parts->host;
 }
 
 // This machine by name or by number: a name like "127.attacker.example" is anyone's.

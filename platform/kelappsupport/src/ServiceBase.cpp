@@ -14,20 +14,6 @@ namespace kelappsupport::cloudservice {
 
 namespace {
 
-// A caller's requests mostly go to the URL its last one went to (an interned string: one pointer
-// compared), which needs no second check.
-bool IsValidTarget(const kelcore::ImmutableString& url) {
-  thread_local kelcore::ImmutableString lastValid;
-  if (!url.empty() && url == lastValid) return true;
-  if (!kelnet::IsValidURL(url.View())) return false;
-  lastValid = url;
-  return true;
-}
-
-}  // namespace
-
-namespace {
-
 bool HasHeader(const kelnet::HeaderMap& headers, std::string_view name) {
   return std::any_of(headers.begin(), headers.end(),
                      [&](const auto& entry) { return detail::SameHeaderName(entry.first.View(), name); });
@@ -130,7 +116,7 @@ int ServiceBase::HttpPost(const kelcore::utility::Guid& requestId, kelnet::Compl
                           std::shared_ptr<const kelcore::allocator::RecycledMemory> body,
                           const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration,
                           bool authorize) {
-  if (!completion || !IsValidTarget(url)) return kelcore::kErrorInvalidArgument;
+  if (!completion || !kelnet::ParseURLOfThread(url)) return kelcore::kErrorInvalidArgument;
   detail::ExchangePlan plan;
   plan.url = url;
   plan.headers = BuildHeaders(headers);
@@ -146,7 +132,7 @@ int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelne
                                   kelnet::Completion completion, const kelcore::ImmutableString& url,
                                   const kelnet::HeaderMap& headers, const kelnet::Configuration& configuration,
                                   bool authorize) {
-  if (!onData || !completion || !IsValidTarget(url)) return kelcore::kErrorInvalidArgument;
+  if (!onData || !completion || !kelnet::ParseURLOfThread(url)) return kelcore::kErrorInvalidArgument;
   kelnet::HeaderMap all = BuildHeaders(headers);
   if (HasHeader(all, kelnet::kHEADER_RANGE.View())) {
     // The caller wants a particular range: theirs to interpret, so it goes out as asked.

@@ -123,17 +123,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
                        std::shared_ptr<const kelcore::allocator::RecycledMemory> requestBody, const HeaderMap& headers,
                        const Configuration& configuration, bool streaming) {
   if (!configuration.verifyPeer) return false;
-  // A thread's requests mostly go to the URL its last one went to (an interned string: one
-  // pointer compared).
-  thread_local struct {
-    kelcore::ImmutableString url;
-    std::optional<URLParts> parts;
-  } lastParsed;
-  if (!(lastParsed.url == url) || url.empty()) {
-    lastParsed.url = url;
-    lastParsed.parts = ParseURL(url.View());
-  }
-  const auto& parts = lastParsed.parts;
+  const auto& parts = ParseURLOfThread(url);
   if (!parts) return false;
 
   auto request = std::make_unique<Request>();

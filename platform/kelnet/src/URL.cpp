@@ -139,6 +139,20 @@ std::optional<URLParts> ParseURL(std::string_view url) {
 
 bool IsValidURL(std::string_view url) { return ParseURL(url).has_value(); }
 
+const std::optional<URLParts>& ParseURLOfThread(const kelcore::ImmutableString& url) {
+  thread_local struct {
+    kelcore::ImmutableString url;
+    std::optional<URLParts> parts;
+    bool parsed = false;
+  } last;
+  if (!last.parsed || !(last.url == url)) {
+    last.url = url;
+    last.parts = ParseURL(url.View());
+    last.parsed = true;
+  }
+  return last.parts;
+}
+
 URL ReplaceInURL(std::string_view urlTemplate,
                  const std::map<kelcore::ImmutableString, kelcore::ImmutableString>& replacements) {
   std::vector<std::pair<std::string_view, std::string_view>> keys;

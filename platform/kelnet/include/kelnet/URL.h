@@ -40,6 +40,10 @@ struct URLParts {
 // space or control character anywhere: they would break the request line or start a header.
 bool IsValidURL(std::string_view url);
 std::optional<URLParts> ParseURL(std::string_view url);
+// ParseURL of the last URL this thread asked about, remembered: a thread's requests mostly go
+// where its last one went, and an interned URL is recognised by one pointer compare. The
+// reference is good until this thread asks about another URL.
+const std::optional<URLParts>& ParseURLOfThread(const kelcore::ImmutableString& url);
 
 // Replaces each key of the map (":domain", ":refresh_token", ...) by its value, verbatim (the
 // values are not encoded: callers pre-encode what needs it). Keys are replaced longest first,
