@@ -47,7 +47,7 @@ void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven
   lowered.clear();
   headers.clear();
   headers.reserve(callerHeaders.size() + 4);
-  hasRange = false;
+  bool hasRange = false;
   bool hasUserAgent = false, hasAccept = false, hasAcceptEncoding = false;
   for (const auto& [name, value] : callerHeaders) {
     std::string_view lower = name.View();

@@ -28,7 +28,6 @@ struct Http2Exchange {
   // For curl, should the origin answer the TLS handshake without "h2".
   kelcore::ImmutableString url;
   Configuration configuration;
-  bool hasRange = false;
 
   std::string host;  // lower-case; IPv6 without brackets
   std::uint16_t port = 443;
