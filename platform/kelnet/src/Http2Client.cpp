@@ -100,37 +100,65 @@ void Http2Client::Add(std::unique_ptr<Request> request) {
   nextDeadline_ = std::min(nextDeadline_, exchange.deadline);
   ++exchange.attempts;
   for (auto& connection : origin.connections) {
-    if (connection->GetState() == Http2Connection::State::Open && connection->Submit(request)) return;
+    if (connection->GetState() == Http2Connection::State::Open && connection->Submit(request)) {
+      unwritten_ = true;  // written by Flush, once for every request of the turn
+      return;
+    }
   }
   origin.waiting.push_back(std::move(request));
   Settle(origin);
 }
 
+void Http2Client::Flush() {
+  std::lock_guard lock(mutex_);
+  if (!unwritten_) return;
+  unwritten_ = false;
+  for (auto& [key, origin] : origins_) {
+    for (auto& connection : origin.connections) connection->Drive(false);
+    Settle(origin);
+  }
+}
+
+// Any thread: the connect-only handle lives in the network thread's multi handle, so that thread
+// opens it (StartConnects).
 void Http2Client::Connect(Origin& origin) {
-  CURL* easy = curl_easy_init();
-  if (!easy) {
-    Fail(origin.waiting, "could not connect");
-    return;
+  origin.connectWanted = true;
+  connectsWanted_ = true;
+}
+
+void Http2Client::StartConnects() {
+  std::lock_guard lock(mutex_);
+  if (!connectsWanted_) return;
+  connectsWanted_ = false;
+  for (auto& [key, origin] : origins_) {
+    if (!origin.connectWanted) continue;
+    origin.connectWanted = false;
+    if (origin.waiting.empty() || origin.connecting) continue;
+    CURL* easy = curl_easy_init();
+    if (!easy) {
+      Fail(origin.waiting, "could not connect");
+      continue;
+    }
+    const bool literalV6 = origin.host.find(':') != std::string::npos;
+    const std::string url = "http://" + (literalV6 ? "[" + origin.host + "]" : origin.host) + ":" +
+                            std::to_string(origin.port) + "/";
+    const auto timeout = origin.waiting.front()->http2->connectTimeout;
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_CONNECT_ONLY, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http");
+    // Requests with a proxy are curl's: this path connects directly, whatever the environment says.
+    curl_easy_setopt(easy, CURLOPT_PROXY, "");
+    curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+    if (timeout.count() > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
+    if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
+      curl_easy_cleanup(easy);
+      Fail(origin.waiting, "could not connect");
+      continue;
+    }
+    origin.connecting = easy;
+    connecting_.emplace(easy, &origin);
   }
-  const bool literalV6 = origin.host.find(':') != std::string::npos;
-  const std::string url = "http://" + (literalV6 ? "[" + origin.host + "]" : origin.host) + ":" +
-                          std::to_string(origin.port) + "/";
-  const auto timeout = origin.waiting.front()->http2->connectTimeout;
-  curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(easy, CURLOPT_CONNECT_ONLY, 1L);
-  curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http");
-  // Requests with a proxy are curl's: this path connects directly, whatever the environment says.
-  curl_easy_setopt(easy, CURLOPT_PROXY, "");
-  curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
-  if (timeout.count() > 0) curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(timeout.count()));
-  if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
-    curl_easy_cleanup(easy);
-    Fail(origin.waiting, "could not connect");
-    return;
-  }
-  origin.connecting = easy;
-  connecting_.emplace(easy, &origin);
 }
 
 bool Http2Client::OnConnected(CURL* easy, CURLcode code) {
@@ -214,7 +242,7 @@ void Http2Client::Settle(Origin& origin) {
     }
     open->Drive(false);
   }
-  if (!origin.waiting.empty() && !open && !handshaking && !origin.connecting) Connect(origin);
+  if (!origin.waiting.empty() && !open && !handshaking && !origin.connecting && !origin.connectWanted) Connect(origin);
 }
 
 void Http2Client::Fail(std::deque<std::unique_ptr<Request>>& requests, const char* why) {
@@ -249,16 +277,15 @@ void Http2Client::EndExpired(Clock::time_point now) {
   }
 }
 
-void Http2Client::Drive(bool polled) {
+void Http2Client::Drive(const std::vector<pollfd>& polled) {
   std::lock_guard lock(mutex_);
   const auto now = Clock::now();
   EndExpired(now);
   auto readable = [&](int fd) {
-    if (!polled) return true;
-    for (const auto& entry : pollSet_) {
+    for (const auto& entry : polled) {
       if (entry.fd == fd) return entry.revents != 0;
     }
-    return true;
+    return true;  // opened since the poll set was made
   };
   for (auto& [key, origin] : origins_) {
     for (auto& connection : origin.connections) {
@@ -319,11 +346,8 @@ void Http2Client::Stop() {
     origin->connecting = nullptr;
   }
   connecting_.clear();
-}
-
-Http2Client::Clock::time_point Http2Client::NextDeadline() const {
-  std::lock_guard lock(mutex_);
-  return nextDeadline_;
+  for (auto& [key, origin] : origins_) origin.connectWanted = false;
+  connectsWanted_ = false;
 }
 
 std::vector<Http2Client::Ended> Http2Client::TakeEnded() {
@@ -336,9 +360,9 @@ std::vector<std::unique_ptr<Request>> Http2Client::TakeForCurl() {
   return std::exchange(forCurl_, {});
 }
 
-bool Http2Client::SubmitNow(std::vector<std::unique_ptr<Request>>& requests) {
+void Http2Client::SubmitNow(std::vector<std::unique_ptr<Request>>& requests) {
   std::lock_guard lock(mutex_);
-  if (stopped_ || !lastOrigin_) return false;
+  if (stopped_ || !lastOrigin_) return;
   Origin& origin = *lastOrigin_;
   Http2Connection* open = nullptr;
   for (auto& connection : origin.connections) {
@@ -347,9 +371,7 @@ bool Http2Client::SubmitNow(std::vector<std::unique_ptr<Request>>& requests) {
       break;
     }
   }
-  if (!open) return false;
-  bool look = false;
-  const auto soon = Clock::now() + std::chrono::seconds(1);
+  if (!open) return;
   std::size_t kept = 0;
   for (auto& request : requests) {
     Http2Exchange& exchange = *request->http2;
@@ -357,39 +379,64 @@ bool Http2Client::SubmitNow(std::vector<std::unique_ptr<Request>>& requests) {
         origin.port == exchange.port && origin.pem == request->caBundle && origin.host == exchange.host;
     ++exchange.attempts;
     if (sameOrigin && open->Submit(request)) {
-      if (exchange.deadline < nextDeadline_) {
-        nextDeadline_ = exchange.deadline;
-        // The network thread wakes at least once a second (Transport's longest poll) and then
-        // reads the deadline again: only an earlier one needs it woken.
-        look = look || exchange.deadline < soon;
-      }
+      nextDeadline_ = std::min(nextDeadline_, exchange.deadline);
       continue;
     }
     --exchange.attempts;
     requests[kept++] = std::move(request);
   }
   requests.resize(kept);
-  const auto state = open->GetState();
   open->Drive(false);
-  return look || open->GetState() != state || (open->PollEvents() & POLLOUT) || !open->TakeEnded().empty();
+  Settle(origin);
 }
 
-std::vector<curl_waitfd>& Http2Client::PollSet() {
-  std::lock_guard lock(mutex_);
-  pollSet_.clear();
-  for (auto& [key, origin] : origins_) {
-    for (auto& connection : origin.connections) {
+void Http2Client::Watch(std::vector<pollfd>& into) const {
+  for (const auto& [key, origin] : origins_) {
+    for (const auto& connection : origin.connections) {
       const short events = connection->PollEvents();
-      if (events) pollSet_.push_back({connection->Fd(), events, 0});
+      if (events) into.push_back({connection->Fd(), events, 0});
     }
   }
-  return pollSet_;
+}
+
+int Http2Client::FillPoll(std::vector<pollfd>& into) {
+  std::lock_guard lock(mutex_);
+  watched_.clear();
+  Watch(watched_);
+  into.insert(into.end(), watched_.begin(), watched_.end());
+  watchedDeadline_ = nextDeadline_;
+  // A connection also needs looking at without events: its idle time and its handshake's
+  // deadline are checked at least once a second.
+  long wait = watched_.empty() ? -1 : 1000;
+  if (nextDeadline_ != Clock::time_point::max()) {
+    const long left =
+        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(nextDeadline_ - Clock::now()).count()) + 1;
+    wait = std::clamp<long>(wait < 0 ? left : std::min(wait, left), 0, 1000);
+  }
+  return static_cast<int>(wait);
+}
+
+bool Http2Client::PollerMustLook() {
+  std::lock_guard lock(mutex_);
+  if (nextDeadline_ < watchedDeadline_) return true;
+  scratch_.clear();
+  Watch(scratch_);
+  if (scratch_.size() != watched_.size()) return true;
+  for (std::size_t i = 0; i < scratch_.size(); ++i) {
+    if (scratch_[i].fd != watched_[i].fd || scratch_[i].events != watched_[i].events) return true;
+  }
+  return false;
+}
+
+bool Http2Client::WantsNetworkThread() const {
+  std::lock_guard lock(mutex_);
+  return connectsWanted_ || !forCurl_.empty();
 }
 
 bool Http2Client::Empty() const {
   std::lock_guard lock(mutex_);
   for (const auto& [key, origin] : origins_) {
-    if (!origin.waiting.empty() || origin.connecting) return false;
+    if (!origin.waiting.empty() || origin.connecting || origin.connectWanted) return false;
     for (const auto& connection : origin.connections) {
       if (connection->StreamCount() > 0) return false;
     }

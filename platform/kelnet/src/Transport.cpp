@@ -196,7 +196,8 @@ bool Transport::StartThreadLocked() {
   threadStarted_ = true;
   // The delivery and completion threads first: the network thread may hand them work at once.
   delivery_.Start();
-  completions_.Start([this] { SubmitBatch(); });
+  completions_.Start({[this] { SubmitBatch(); }, [this](std::vector<pollfd>& into) { return http2_.FillPoll(into); },
+                      [this](std::vector<pollfd>& polled) { ServeHttp2(polled); }});
   thread_ = std::thread([this] { Run(); });
   threadId_ = thread_.get_id();
   return true;
@@ -222,8 +223,9 @@ void Transport::SubmitBatch() {
     for (auto& request : batched_) (request->cancelled ? cancelled : batch).push_back(std::move(request));
     batched_.clear();
   }
-  const bool look = !batch.empty() && http2_.SubmitNow(batch);
+  if (!batch.empty()) http2_.SubmitNow(batch);
   for (auto& request : cancelled) batch.push_back(std::move(request));
+  CollectHttp2();
   std::vector<std::unique_ptr<Request>> refused;
   {
     std::lock_guard lock(mutex_);
@@ -231,7 +233,7 @@ void Transport::SubmitBatch() {
       refused.swap(batch);
     } else {
       for (auto& request : batch) incoming_.push_back(std::move(request));
-      if (!batch.empty() || look) wakeDeferred_ = true;
+      if (!batch.empty() || http2_.WantsNetworkThread()) wakeDeferred_ = true;
     }
     if (wakeDeferred_) {
       wakeDeferred_ = false;
@@ -241,6 +243,25 @@ void Transport::SubmitBatch() {
   // Accepted, but the network thread has ended: they complete here, without an answer.
   for (auto& request : refused) {
     if (request->completion) request->completion(request->id, nullptr);
+  }
+}
+
+// Completion thread, woken by its poll: answers are read and their completions queued behind
+// what runs now.
+void Transport::ServeHttp2(std::vector<pollfd>& polled) {
+  http2_.Drive(polled);
+  CollectHttp2();
+  if (http2_.WantsNetworkThread()) WakeNetwork();
+}
+
+// Completion thread: what the HTTP/2 client ended completes here, after what is queued.
+void Transport::CollectHttp2() {
+  auto ended = http2_.TakeEnded();
+  if (ended.empty()) return;
+  std::vector<std::function<void()>> done;
+  for (auto& each : ended) FinishOwnHttp2(std::move(each.request), each.error, done);
+  if (!completions_.PostAll(done)) {
+    for (auto& run : done) run();
   }
 }
 
@@ -351,10 +372,11 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
   }
   ReleaseEasy(request->easy);
   request->easy = nullptr;
-  Complete(std::move(request), std::move(response));
+  Complete(std::move(request), std::move(response), finished_);
 }
 
-void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* error) {
+void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* error,
+                               std::vector<std::function<void()>>& done) {
   std::shared_ptr<Response> response;
   if (!error && !request->cancelled) {
     response = std::make_shared<Response>(request->status, std::move(request->answerHeaders),
@@ -362,20 +384,20 @@ void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* err
   } else if (!request->cancelled) {
     LogWarning("HTTP request failed", {{"host", request->host}, {"error", error}, {"detail", ""}});
   }
-  Complete(std::move(request), std::move(response));
+  Complete(std::move(request), std::move(response), done);
 }
 
 // What the HTTP/2 client ended goes to its caller; what it handed back (an origin without "h2")
 // goes to curl.
 void Transport::TakeOwnHttp2Results() {
-  for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), ended.error);
+  for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), ended.error, finished_);
   for (auto& request : http2_.TakeForCurl()) HandToCurl(std::move(request));
 }
 
 void Transport::HandToCurl(std::unique_ptr<Request> request) {
   CURL* easy = AcquireEasy();
   if (!easy) {
-    FinishOwnHttp2(std::move(request), "could not start the request");
+    FinishOwnHttp2(std::move(request), "could not start the request", finished_);
     return;
   }
   auto exchange = std::move(request->http2);
@@ -390,7 +412,8 @@ void Transport::HandToCurl(std::unique_ptr<Request> request) {
   active_.emplace(easy, std::move(request));
 }
 
-void Transport::Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response) {
+void Transport::Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response,
+                         std::vector<std::function<void()>>& done) {
   Completion completion = std::move(request->completion);
   if (request->stream) {
     std::shared_ptr<Stream> stream = std::move(request->stream);
@@ -403,7 +426,7 @@ void Transport::Complete(std::unique_ptr<Request> request, std::shared_ptr<Respo
   const Guid id = request->id;
   request.reset();
   if (!completion) return;
-  finished_.push_back([id, completion = std::move(completion), response = std::move(response)] {
+  done.push_back([id, completion = std::move(completion), response = std::move(response)] {
     completion(id, response);
   });
 }
@@ -452,10 +475,10 @@ void Transport::Run() {
         Finish(std::move(node.mapped()), CURLE_ABORTED_BY_CALLBACK);
       }
       http2_.Stop();
-      for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), nullptr);
+      for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), nullptr, finished_);
       for (auto& request : http2_.TakeForCurl()) {
         request->cancelled = true;
-        FinishOwnHttp2(std::move(request), nullptr);
+        FinishOwnHttp2(std::move(request), nullptr, finished_);
       }
       HandOverCompletions();
       RunTimerTasks(due);
@@ -470,7 +493,7 @@ void Transport::Run() {
     for (auto& request : incoming) {
       if (request->http2) {
         if (request->cancelled) {
-          FinishOwnHttp2(std::move(request), nullptr);  // cancelled before it reached a connection
+          FinishOwnHttp2(std::move(request), nullptr, finished_);  // cancelled before it reached a connection
         } else {
           http2_.Add(std::move(request));
         }
@@ -485,6 +508,8 @@ void Transport::Run() {
       active_.emplace(easy, std::move(request));
     }
     for (const Guid& id : cancels) CancelActive(id);
+    http2_.Flush();
+    http2_.StartConnects();
     AttendStreams();
     HandOverCompletions();
     RunTimerTasks(due);
@@ -516,9 +541,10 @@ void Transport::Run() {
       }
     }
 
-    http2_.Drive(polled_);
     TakeOwnHttp2Results();
     HandOverCompletions();
+    // Adds, connections and cancels here may change what the completion thread sleeps on.
+    if (http2_.PollerMustLook()) completions_.Wake();
     delivery_.Flush();
     long timeout = kMaxPollMilliseconds;
     {
@@ -531,16 +557,7 @@ void Transport::Run() {
       }
       polling_ = timeout > 0;
     }
-    if (timeout > 0 && http2_.NextDeadline() != Clock::time_point::max()) {
-      const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(http2_.NextDeadline() - Clock::now());
-      timeout = std::clamp<long>(static_cast<long>(wait.count()) + 1, 1, timeout);
-    }
-    polled_ = timeout > 0;
-    if (polled_) {
-      auto& sockets = http2_.PollSet();
-      curl_multi_poll(multi_, sockets.data(), static_cast<unsigned>(sockets.size()), static_cast<int>(timeout),
-                      nullptr);
-    }
+    if (timeout > 0) curl_multi_poll(multi_, nullptr, 0, static_cast<int>(timeout), nullptr);
   }
 
   curl_multi_cleanup(multi_);

@@ -66,8 +66,13 @@ class Transport {
   void AttendStreams();
   void RunTimerTasks(std::vector<std::function<void()>>& due);
   void Finish(std::unique_ptr<Request> request, CURLcode code);
-  void FinishOwnHttp2(std::unique_ptr<Request> request, const char* error);
-  void Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response);
+  // done: where the completion goes (finished_ on the network thread; the completion thread
+  // queues its own).
+  void FinishOwnHttp2(std::unique_ptr<Request> request, const char* error, std::vector<std::function<void()>>& done);
+  void Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response,
+                std::vector<std::function<void()>>& done);
+  void ServeHttp2(std::vector<pollfd>& polled);
+  void CollectHttp2();
   void TakeOwnHttp2Results();
   void HandToCurl(std::unique_ptr<Request> request);
   void HandOverCompletions();
@@ -105,8 +110,7 @@ class Transport {
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
   std::vector<std::function<void()>> finished_;  // POST completions not yet handed over
-  Http2Client http2_;  // POSTs over HTTP/2: our own connections (Http2Client.h)
-  bool polled_ = false;  // the last turn slept in curl_multi_poll: http2_'s poll set has its revents
+  Http2Client http2_;  // POSTs over HTTP/2: our own connections, read on the completion thread
 };
 
 }  // namespace kelnet
