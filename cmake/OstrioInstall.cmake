@@ -61,7 +61,8 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/ostriolib.pc.in ${PROJECT_BINARY_DIR}
 install(FILES ${PROJECT_BINARY_DIR}/ostriolib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # A Debian package of everything above (and the CLI when it is built). Its dependencies are read
-# off the installed binaries by dpkg-shlibdeps, so they are exactly the Debian libraries linked.
+# off the installed binaries by dpkg-shlibdeps, so they are exactly the Debian libraries linked,
+# and libsecret, which is loaded when first used.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ostriolib)
 set(CPACK_PACKAGE_VENDOR "ostriolib")
@@ -69,6 +70,8 @@ set(CPACK_PACKAGE_CONTACT "ostriolib developers <ostriolib@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Client library and CLI for the Ostrio cloud review service")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Loaded at run time (the Secret Service keychain dlopens it), so dpkg-shlibdeps cannot see it.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libsecret-1-0")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)

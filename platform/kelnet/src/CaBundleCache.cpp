@@ -12,8 +12,7 @@
 
 namespace kelnet {
 
-std::shared_ptr<const std::string> CaBundleCache::Get(const std::string& path) {
-  const auto now = Clock::now();
+std::shared_ptr<const std::string> CaBundleCache::Get(const std::string& path, Clock::time_point now) {
   // A thread's requests mostly name the bundle its last one named: no lock for those.
   thread_local struct {
     const CaBundleCache* cache = nullptr;

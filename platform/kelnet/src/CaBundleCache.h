@@ -20,7 +20,8 @@ class CaBundleCache {
  public:
   // The PEM text to trust for this path (the system bundle appended when curl has no CA
   // directory of its own); null, with a warning, when the file cannot be read.
-  std::shared_ptr<const std::string> Get(const std::string& path);
+  // now: the caller's reading of the clock, which decides whether the file is looked at again.
+  std::shared_ptr<const std::string> Get(const std::string& path, std::chrono::steady_clock::time_point now);
   // The file curl would use by default, when curl has no default CA directory.
   void SetSystemBundle(std::string path);
 

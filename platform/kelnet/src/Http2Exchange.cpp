@@ -28,7 +28,8 @@ bool IsConnectionSpecific(std::string_view name) {
 
 }  // namespace
 
-void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven, std::size_t bodySize) {
+void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven, std::size_t bodySize,
+                            Clock::time_point now) {
   host = parts.host;
   port = parts.port.value_or(443);
   // The URL's own text: after "scheme://" (no user info on this path) up to the path, then up to
@@ -83,7 +84,7 @@ void Http2Exchange::Prepare(const URLParts& parts, const HeaderMap& headersGiven
   headers.emplace_back("content-length", std::string_view(contentLength, static_cast<std::size_t>(written.ptr - contentLength)));
 
   connectTimeout = configuration.connectTimeout;
-  if (configuration.deadline.count() > 0) deadline = Clock::now() + configuration.deadline;
+  if (configuration.deadline.count() > 0) deadline = now + configuration.deadline;
 }
 
 void Http2Exchange::Restart() {

@@ -49,7 +49,8 @@ struct Http2Exchange {
   std::size_t headBytes = 0;
 
   // Builds the head and the deadline; the caller has checked the headers (Request::PrepareHeaders).
-  void Prepare(const URLParts& parts, const HeaderMap& headersGiven, std::size_t bodySize);
+  // now: the time the request was submitted, its deadline counted from it.
+  void Prepare(const URLParts& parts, const HeaderMap& headersGiven, std::size_t bodySize, Clock::time_point now);
   // Forgets the attempt: the request starts over on another connection.
   void Restart();
 

@@ -111,16 +111,28 @@ std::unique_ptr<Request> Http2Session::Cancel(Request* request) {
   return nullptr;
 }
 
-kelcore::ImmutableString Http2Session::Recent(std::string_view text) {
-  for (const auto& seen : recent_) {
-    if (seen.view == text) {  // lengths first; never memcmp on the empty slots' null data
-      return seen.text;
+std::pair<kelcore::ImmutableString, kelcore::ImmutableString> Http2Session::Field(std::string_view name,
+                                                                                 std::string_view value) {
+  const std::size_t at = fieldAt_++;
+  if (at >= fields_.size()) return {kelcore::ImmutableString(name), kelcore::ImmutableString(value)};
+  RecentField& place = fields_[at];
+  // string_view's == compares lengths first: never a memcmp on an empty place's null data.
+  if (place.nameView != name) {
+    kelcore::ImmutableString found;
+    for (const auto& other : fields_) {
+      if (other.nameView == name) {
+        found = other.name;
+        break;
+      }
     }
+    place.name = found.empty() ? kelcore::ImmutableString(name) : found;
+    place.nameView = place.name.View();
   }
-  kelcore::ImmutableString made(text);
-  recent_[nextRecent_] = {made.View(), made};
-  nextRecent_ = (nextRecent_ + 1) % recent_.size();
-  return made;
+  if (place.valueView != value) {
+    place.value = kelcore::ImmutableString(value);
+    place.valueView = place.value.View();
+  }
+  return {place.name, place.value};
 }
 
 bool Http2Session::Receive(const std::uint8_t* data, std::size_t size) {
@@ -188,11 +200,13 @@ int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame,
     std::from_chars(text.data(), text.data() + text.size(), status);
     request->status = status;
     request->answerHeaders.clear();
+    static_cast<Http2Session*>(self)->fieldAt_ = 0;
     return 0;
   }
   if (field.empty() || field.front() == ':') return 0;
   auto* owner = static_cast<Http2Session*>(self);
-  request->answerHeaders.emplace(owner->Recent(field), owner->Recent(View(value, valueLength)));
+  auto [fieldName, fieldValue] = owner->Field(field, View(value, valueLength));
+  request->answerHeaders.emplace(std::move(fieldName), std::move(fieldValue));
   return 0;
 }
 

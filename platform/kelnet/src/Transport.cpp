@@ -24,10 +24,9 @@ void LogWarning(std::string message, std::vector<std::pair<std::string, std::str
 
 // The proxy variables curl reads for an https URL: a request they may apply to stays curl's.
 // Read again at most once a second per thread: a scan of the environment per request shows.
-bool ProxyInEnvironment() {
+bool ProxyInEnvironment(std::chrono::steady_clock::time_point now) {
   thread_local std::chrono::steady_clock::time_point readAt;
   thread_local bool set = false;
-  const auto now = std::chrono::steady_clock::now();
   if (readAt != std::chrono::steady_clock::time_point() && now - readAt < std::chrono::seconds(1)) return set;
   readAt = now;
   set = false;
@@ -125,6 +124,8 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   if (!configuration.verifyPeer) return false;
   const auto& parts = ParseURLOfThread(url);
   if (!parts) return false;
+  // One reading of the clock for everything below that asks for the time.
+  const auto now = Clock::now();
 
   auto request = std::make_unique<Request>();
   request->id = id;
@@ -144,17 +145,17 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   // (a proxy, credentials in the URL, redirects, plain http) stays curl's.
   const bool ownHttp2 = !streaming && configuration.allowHttp2 && parts->scheme == "https" &&
                         parts->userInfo.empty() && configuration.proxy.empty() && !configuration.followRedirects &&
-                        !ProxyInEnvironment();
+                        !ProxyInEnvironment(now);
   bool hasRange = false;
   if (!request->PrepareHeaders(headers, hasRange, !ownHttp2)) return false;
-  if (!configuration.caBundlePath.empty()) request->caBundle = caBundles_.Get(configuration.caBundlePath);
+  if (!configuration.caBundlePath.empty()) request->caBundle = caBundles_.Get(configuration.caBundlePath, now);
 
   CURL* easy = nullptr;
   if (ownHttp2) {
     request->http2 = std::make_unique<Http2Exchange>();
     request->http2->url = url;
     request->http2->configuration = configuration;
-    request->http2->Prepare(*parts, headers, request->requestBody ? request->requestBody->Size() : 0);
+    request->http2->Prepare(*parts, headers, request->requestBody ? request->requestBody->Size() : 0, now);
     request->maxAnswerBodyBytes = configuration.maxAnswerBodyBytes;
   } else {
     request->KeepSecretsOfURL(*parts);

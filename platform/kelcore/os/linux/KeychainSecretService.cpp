@@ -5,7 +5,13 @@
 // asynchronous, runs on a private GMainContext and is cancelled when its time is up; and before
 // the store is trusted, the service is opened and its default collection found and unlocked,
 // each step bounded.
+//
+// libsecret, and the GLib, GIO and the dozen libraries it brings, are loaded when a Secret
+// Service keychain is first asked for, not with kelcore: loading them costs every process that
+// links kelcore about 2 ms at start, and most runs (a query, a download, a script) never open a
+// keychain. A machine without libsecret gets "no Secret Service", as one without a session bus.
 
+#include <dlfcn.h>
 #include <libsecret/secret.h>
 
 #include <chrono>
@@ -13,6 +19,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "KeychainBackend.h"
 #include "kelcore/Strings.h"
@@ -21,6 +29,72 @@ namespace kelcore {
 namespace {
 
 using std::chrono::milliseconds;
+
+// Every libsecret and GLib function this file calls.
+#define KELCORE_SECRET_FUNCTIONS(X) \
+  X(g_async_result_get_type) X(g_bus_get) X(g_bus_get_finish) X(g_cancellable_cancel) \
+  X(g_cancellable_new) X(g_dbus_connection_set_exit_on_close) X(g_error_free) X(g_file_test) \
+  X(g_free) X(g_getenv) X(g_hash_table_insert) X(g_hash_table_new_full) X(g_hash_table_unref) \
+  X(g_list_append) X(g_list_free) X(g_list_free_full) X(g_main_context_iteration) \
+  X(g_main_context_new) X(g_main_context_pop_thread_default) X(g_main_context_push_thread_default) \
+  X(g_main_context_unref) X(g_object_ref) X(g_object_unref) X(g_source_attach) X(g_source_destroy) \
+  X(g_source_set_callback) X(g_source_unref) X(g_str_equal) X(g_str_hash) X(g_strdup) \
+  X(g_timeout_source_new) X(g_type_check_instance_cast) X(secret_collection_for_alias) \
+  X(secret_collection_for_alias_finish) X(secret_collection_get_locked) X(secret_item_get_locked) \
+  X(secret_item_get_type) X(secret_service_clear) X(secret_service_clear_finish) \
+  X(secret_service_get_type) X(secret_service_lookup) X(secret_service_lookup_finish) \
+  X(secret_service_open) X(secret_service_open_finish) X(secret_service_search) \
+  X(secret_service_search_finish) X(secret_service_store) X(secret_service_store_finish) \
+  X(secret_service_unlock) X(secret_service_unlock_finish) X(secret_value_get) X(secret_value_new) \
+  X(secret_value_unref)
+
+struct SecretLibrary {
+#define KELCORE_SECRET_POINTER(name) decltype(&::name) name = nullptr;
+  KELCORE_SECRET_FUNCTIONS(KELCORE_SECRET_POINTER)
+#undef KELCORE_SECRET_POINTER
+};
+
+// Null when libsecret, or one of the functions, is not there. Loaded once and never unloaded:
+// GLib cannot be unloaded safely.
+const SecretLibrary* LoadSecretLibrary() {
+  static const SecretLibrary* const library = []() -> const SecretLibrary* {
+    void* handle = ::dlopen("libsecret-1.so.0", RTLD_NOW | RTLD_LOCAL);
+    if (!handle) return nullptr;
+    auto* loaded = new SecretLibrary;
+    bool complete = true;
+#define KELCORE_SECRET_LOAD(name)                                                  \
+  loaded->name = reinterpret_cast<decltype(loaded->name)>(::dlsym(handle, #name)); \
+  complete = complete && loaded->name != nullptr;
+    KELCORE_SECRET_FUNCTIONS(KELCORE_SECRET_LOAD)
+#undef KELCORE_SECRET_LOAD
+    if (complete) return loaded;
+    delete loaded;
+    return nullptr;
+  }();
+  return library;
+}
+
+// Calls the loaded function. Each name below is an object, not a function, so that a call in
+// this file (GLib's macros included) finds it and never the real function through the argument
+// types; and it converts to the real function's pointer where GLib takes one (g_free as a
+// destroy notifier). Only reached once LoadSecretLibrary has succeeded.
+// GCC warns that a function type's attributes (warn_unused_result) do not carry into a template
+// argument: they need not, the calls are the library's own.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wignored-attributes"
+template <auto Function>
+struct LoadedFunction {
+  using Pointer = std::remove_reference_t<decltype(std::declval<SecretLibrary>().*Function)>;
+  template <class... Args>
+  auto operator()(Args&&... args) const {
+    return (LoadSecretLibrary()->*Function)(std::forward<Args>(args)...);
+  }
+  operator Pointer() const { return LoadSecretLibrary()->*Function; }
+};
+#define KELCORE_SECRET_NAME(name) constexpr LoadedFunction<&SecretLibrary::name> name{};
+KELCORE_SECRET_FUNCTIONS(KELCORE_SECRET_NAME)
+#undef KELCORE_SECRET_NAME
+#pragma GCC diagnostic pop
 
 const SecretSchema* Schema() {
   static const SecretSchema* schema = [] {
@@ -131,7 +205,7 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
     SecretValue* value = secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "text/plain");
     std::lock_guard lock(context_->mutex);
     GErrorPtr error;
-    const auto stored = Call("storing a secret", &secret_service_store_finish, error,
+    const auto stored = Call("storing a secret", LoadSecretLibrary()->secret_service_store_finish, error,
                              [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
                                secret_service_store(service_.get(), Schema(), attributes.get(),
                                                     persistent ? SECRET_COLLECTION_DEFAULT : SECRET_COLLECTION_SESSION,
@@ -147,7 +221,7 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
   std::u16string GetPassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
     std::lock_guard lock(context_->mutex);
     GErrorPtr error;
-    const auto found = CallForItem("reading a secret", &secret_service_lookup, &secret_service_lookup_finish,
+    const auto found = CallForItem("reading a secret", LoadSecretLibrary()->secret_service_lookup, LoadSecretLibrary()->secret_service_lookup_finish,
                                    MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent), error);
     if (!found) return {};
     SecretValue* value = *found;
@@ -171,7 +245,7 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
   bool RemovePassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
     std::lock_guard lock(context_->mutex);
     GErrorPtr error;
-    const auto removed = CallForItem("removing a secret", &secret_service_clear, &secret_service_clear_finish,
+    const auto removed = CallForItem("removing a secret", LoadSecretLibrary()->secret_service_clear, LoadSecretLibrary()->secret_service_clear_finish,
                                      MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent), error);
     if (error) keychain_detail::Warn("Secret Service: removing a secret failed: " + Describe(error, ""));
     return removed && *removed;
@@ -338,6 +412,10 @@ namespace keychain_detail {
 
 classref::InterfaceRef<IKeychainUtils> OpenSecretService(milliseconds timeout, milliseconds unlockTimeout,
                                                          std::string& reason) {
+  if (!LoadSecretLibrary()) {
+    reason = "libsecret is not installed";
+    return {};
+  }
   if (!SessionBusConfigured()) {
     reason = "no D-Bus session bus";
     return {};
