@@ -18,7 +18,7 @@ constexpr std::size_t kLimit = 4096;
 
 std::unique_ptr<kelnet::Request> MakeRequest(const char* body) {
   auto request = std::make_unique<kelnet::Request>();
-  request->http2 = std::make_unique<kelnet::Http2Exchange>();
+  request->http2.emplace();
   request->http2->authority = "api.example";
   request->http2->target = "/graphql";
   request->http2->headers = {{"accept-encoding", "deflate, gzip"}};

@@ -17,12 +17,26 @@ namespace {
 
 // The throttling key (scheme, host and port) and whether the token may go there, from one parse.
 void ClassifyDestination(const kelcore::ImmutableString& url, Exchange& exchange) {
-  const auto& parts = kelnet::ParseURLOfThread(url);
-  if (!parts) return;
-  const unsigned port = parts->port ? *parts->port : (parts->scheme == "https" ? 443u : 80u);
-  exchange.hostKey = parts->scheme + "://" + parts->host + ":" + std::to_string(port);
-  exchange.secure = parts->scheme == "https";
-  exchange.host = parts->host;
+  // A thread's requests mostly go where its last one went: the key is made once per URL, and
+  // handed out as shared strings.
+  thread_local struct {
+    kelcore::ImmutableString url;
+    kelcore::ImmutableString hostKey;
+    kelcore::ImmutableString host;
+    bool secure = false;
+  } last;
+  if (!(last.url == url) || last.url.empty()) {
+    const auto& parts = kelnet::ParseURLOfThread(url);
+    if (!parts) return;
+    const unsigned port = parts->port ? *parts->port : (parts->scheme == "https" ? 443u : 80u);
+    last.hostKey = kelcore::ImmutableString(parts->scheme + "://" + parts->host + ":" + std::to_string(port));
+    last.host = kelcore::ImmutableString(parts->host);
+    last.secure = parts->scheme == "https";
+    last.url = url;
+  }
+  exchange.hostKey = last.hostKey;
+  exchange.secure = last.secure;
+  exchange.host = last.host;
 }
 
 // This machine by name or by number: a name like "127.attacker.example" is anyone's.
@@ -38,9 +52,9 @@ bool IsLoopbackHost(const std::string& host) {
 // emulator's plain-HTTP mode); and once the service has named its hosts, only to those (a media
 // URL may point at a third party's CDN).
 bool MayCarryToken(const Exchange& exchange, const std::vector<std::string>& authorizedHosts) {
-  const std::string& host = exchange.host;
+  const std::string_view host = exchange.host.View();
   if (host.empty()) return false;
-  if (!exchange.secure && !IsLoopbackHost(host)) return false;
+  if (!exchange.secure && !IsLoopbackHost(exchange.host.ToStdString())) return false;
   if (authorizedHosts.empty()) return true;
   return std::any_of(authorizedHosts.begin(), authorizedHosts.end(), [&](const std::string& domain) {
     return host == domain ||
@@ -153,7 +167,7 @@ std::shared_ptr<IRetryScheduler> RequestPipeline::GetScheduler() {
   return scheduler_;
 }
 
-bool RequestPipeline::HasRoomLocked(const std::string& hostKey) const {
+bool RequestPipeline::HasRoomLocked(const kelcore::ImmutableString& hostKey) const {
   if (maxInFlight_ > 0 && inFlight_ >= maxInFlight_) return false;
   if (maxInFlightPerHost_ > 0) {
     auto it = inFlightPerHost_.find(hostKey);
@@ -171,7 +185,7 @@ void RequestPipeline::ReserveLocked(Exchange& exchange) {
   exchange.delivered = false;
 }
 
-void RequestPipeline::ReleaseLocked(const std::string& hostKey) {
+void RequestPipeline::ReleaseLocked(const kelcore::ImmutableString& hostKey) {
   --inFlight_;
   auto it = inFlightPerHost_.find(hostKey);
   if (it != inFlightPerHost_.end() && --it->second <= 0) inFlightPerHost_.erase(it);
@@ -256,9 +270,11 @@ void RequestPipeline::OnAttemptDone(const std::shared_ptr<Exchange>& exchange,
   RetryPolicy policy;
   std::shared_ptr<IRetryScheduler> scheduler;
   bool unauthorized = false;
+  bool waiting = false;  // requests wait for the room this attempt leaves
   {
     std::lock_guard lock(mutex_);
     ReleaseLocked(exchange->hostKey);
+    waiting = !queue_.empty();
     attempt.failures = exchange->attempts;
     attempt.firstStart = exchange->firstStart;
     policy = retryPolicy_;
@@ -275,7 +291,7 @@ void RequestPipeline::OnAttemptDone(const std::shared_ptr<Exchange>& exchange,
       attempt.retryable = onConnectivityError_ == kConnectivityErrorRetry && !exchange->delivered;
     }
   }
-  Pump();
+  if (waiting) Pump();
   if (unauthorized) NotifyUnauthenticated();
 
   const RetryVerdict verdict = JudgeAttempt(policy, attempt, *scheduler);

@@ -44,8 +44,8 @@ class Exchange {
   enum class State { Queued, InFlight, Waiting, Done };
 
   ExchangePlan plan;
-  std::string hostKey;  // scheme://host:port, the unit of per-host throttling
-  std::string host;     // lower-case; empty when the URL did not parse
+  kelcore::ImmutableString hostKey;  // scheme://host:port, the unit of per-host throttling
+  kelcore::ImmutableString host;     // lower-case; empty when the URL did not parse
   bool secure = false;  // https
   ExchangeDone done;
   std::atomic<bool> delivered{false};
@@ -85,9 +85,9 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
   void Cancel(const std::shared_ptr<Exchange>& exchange);
 
  private:
-  bool HasRoomLocked(const std::string& hostKey) const;
+  bool HasRoomLocked(const kelcore::ImmutableString& hostKey) const;
   void ReserveLocked(Exchange& exchange);
-  void ReleaseLocked(const std::string& hostKey);
+  void ReleaseLocked(const kelcore::ImmutableString& hostKey);
   bool Launch(const std::shared_ptr<Exchange>& exchange);
   void OnAttemptDone(const std::shared_ptr<Exchange>& exchange, const std::shared_ptr<kelnet::Response>& response);
   void Requeue(const std::shared_ptr<Exchange>& exchange);
@@ -99,7 +99,7 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
   int maxInFlight_ = 0;  // 0: no limit
   int maxInFlightPerHost_ = 0;
   int inFlight_ = 0;
-  std::unordered_map<std::string, int> inFlightPerHost_;
+  std::unordered_map<kelcore::ImmutableString, int> inFlightPerHost_;
   std::deque<std::shared_ptr<Exchange>> queue_;
 
   std::vector<int> recoverableStatuses_;

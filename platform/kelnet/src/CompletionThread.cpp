@@ -75,18 +75,22 @@ void CompletionThread::Run() {
   bool ran = false;
   while (true) {
     if (!tasks_.empty()) {
-      std::function<void()> task = std::move(tasks_.front());
-      tasks_.pop_front();
+      // Everything handed over so far, taken under one lock; what these tasks post runs after
+      // them, in order.
+      taken_.swap(tasks_);
       lock.unlock();
-      try {
-        task();
-      } catch (const std::exception& error) {
-        kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {{"what", error.what()}});
-      } catch (...) {
-        kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {});
+      for (auto& task : taken_) {
+        try {
+          task();
+        } catch (const std::exception& error) {
+          kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {{"what", error.what()}});
+        } catch (...) {
+          kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {});
+        }
+        // Its captures (a caller's state among them) go here, not on whichever thread comes next.
+        task = nullptr;
       }
-      // Its captures (a caller's state among them) go here, not on whichever thread comes next.
-      task = nullptr;
+      taken_.clear();
       ran = true;
       lock.lock();
       continue;

@@ -15,7 +15,6 @@
 #include <poll.h>
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -57,7 +56,8 @@ class CompletionThread {
   void WakeLocked();
 
   std::mutex mutex_;
-  std::deque<std::function<void()>> tasks_;
+  std::vector<std::function<void()>> tasks_;  // handed over, not yet taken
+  std::vector<std::function<void()>> taken_;  // this thread's: what it runs now, in order
   Hooks hooks_;
   int wakeFd_ = -1;         // an eventfd: written to wake the thread from poll()
   bool sleeping_ = false;   // in poll(), or about to be: a new task must wake it

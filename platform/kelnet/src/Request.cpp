@@ -52,7 +52,8 @@ void Request::PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, con
   curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
   curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Request::OnWrite);
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error);
+  if (!error) error = std::make_unique<char[]>(CURL_ERROR_SIZE);  // zeroed
+  curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, error.get());
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   if (caBundle) {
@@ -115,7 +116,7 @@ void Request::Restart() {
   haveLastHeader = false;
   bodyStarted = false;
   status = 0;
-  error[0] = '\0';
+  if (error) error[0] = '\0';
 }
 
 size_t Request::OnHeader(char* buffer, size_t size, size_t count, void* user) {

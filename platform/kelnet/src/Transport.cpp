@@ -152,7 +152,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
 
   CURL* easy = nullptr;
   if (ownHttp2) {
-    request->http2 = std::make_unique<Http2Exchange>();
+    request->http2.emplace();
     request->http2->url = url;
     request->http2->configuration = configuration;
     request->http2->Prepare(*parts, headers, request->requestBody ? request->requestBody->Size() : 0, now);
@@ -362,7 +362,7 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
                                           std::move(request->answerBody), versionText);
   } else if (!request->cancelled) {
     // curl's text for an answer we ended ourselves would only say that a write failed.
-    std::string detail = request->broken || request->callbackFailed ? "" : request->error;
+    std::string detail = request->broken || request->callbackFailed || !request->error ? "" : request->error.get();
     for (const std::string* secret : {&request->path, &request->query, &request->userInfo}) {
       if (!secret->empty() && detail.find(*secret) != std::string::npos) detail.clear();
     }
@@ -402,6 +402,7 @@ void Transport::HandToCurl(std::unique_ptr<Request> request) {
     return;
   }
   auto exchange = std::move(request->http2);
+  request->http2.reset();
   if (auto parts = ParseURL(exchange->url.View())) request->KeepSecretsOfURL(*parts);
   bool hasRange = false;
   request->PrepareHeaders(HeaderMap(exchange->callerHeaders.begin(), exchange->callerHeaders.end()), hasRange);
