@@ -4,6 +4,7 @@
 
 #include <charconv>
 #include <cstring>
+#include <optional>
 #include <string_view>
 
 #include "kelnet/Constants.h"
@@ -43,6 +44,18 @@ Request* StreamRequest(nghttp2_session* session, int32_t streamId) {
 
 std::string_view View(const uint8_t* data, size_t length) {
   return std::string_view(reinterpret_cast<const char*>(data), length);
+}
+
+// The first value of a field (a lower-case name) in an answer's fields as Request keeps them.
+std::optional<std::string_view> FieldValue(std::string_view fields, std::string_view name) {
+  while (!fields.empty()) {
+    const std::size_t nameEnd = fields.find('\0');
+    const std::size_t valueEnd = nameEnd == std::string_view::npos ? nameEnd : fields.find('\0', nameEnd + 1);
+    if (valueEnd == std::string_view::npos) break;
+    if (fields.substr(0, nameEnd) == name) return fields.substr(nameEnd + 1, valueEnd - nameEnd - 1);
+    fields.remove_prefix(valueEnd + 1);
+  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -111,30 +124,6 @@ std::unique_ptr<Request> Http2Session::Cancel(Request* request) {
   return nullptr;
 }
 
-std::pair<kelcore::ImmutableString, kelcore::ImmutableString> Http2Session::Field(std::string_view name,
-                                                                                 std::string_view value) {
-  const std::size_t at = fieldAt_++;
-  if (at >= fields_.size()) return {kelcore::ImmutableString(name), kelcore::ImmutableString(value)};
-  RecentField& place = fields_[at];
-  // string_view's == compares lengths first: never a memcmp on an empty place's null data.
-  if (place.nameView != name) {
-    kelcore::ImmutableString found;
-    for (const auto& other : fields_) {
-      if (other.nameView == name) {
-        found = other.name;
-        break;
-      }
-    }
-    place.name = found.empty() ? kelcore::ImmutableString(name) : found;
-    place.nameView = place.name.View();
-  }
-  if (place.valueView != value) {
-    place.value = kelcore::ImmutableString(value);
-    place.valueView = place.value.View();
-  }
-  return {place.name, place.value};
-}
-
 bool Http2Session::Receive(const std::uint8_t* data, std::size_t size) {
   return !failed_ && nghttp2_session_mem_recv(session_, data, size) >= 0;
 }
@@ -182,7 +171,7 @@ void Http2Session::EndStream(int32_t streamId, const char* error, bool again) {
 }
 
 int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame, const uint8_t* name,
-                              size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t, void* self) {
+                              size_t nameLength, const uint8_t* value, size_t valueLength, uint8_t, void*) {
   if (frame->hd.type != NGHTTP2_HEADERS) return 0;
   Request* request = StreamRequest(session, frame->hd.stream_id);
   if (!request) return 0;
@@ -199,14 +188,13 @@ int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame,
     const auto text = View(value, valueLength);
     std::from_chars(text.data(), text.data() + text.size(), status);
     request->status = status;
-    request->answerHeaders.clear();
-    static_cast<Http2Session*>(self)->fieldAt_ = 0;
+    request->answerFields.clear();
     return 0;
   }
   if (field.empty() || field.front() == ':') return 0;
-  auto* owner = static_cast<Http2Session*>(self);
-  auto [fieldName, fieldValue] = owner->Field(field, View(value, valueLength));
-  request->answerHeaders.emplace(std::move(fieldName), std::move(fieldValue));
+  // nghttp2 lets no NUL through in a name or value: it separates them here.
+  request->answerFields.append(field).push_back('\0');
+  request->answerFields.append(View(value, valueLength)).push_back('\0');
   return 0;
 }
 
@@ -221,10 +209,9 @@ int Http2Session::OnFrameReceived(nghttp2_session* session, const nghttp2_frame*
   Request* request = StreamRequest(session, frame->hd.stream_id);
   if (!request) return 0;
   // A body announced larger than the limit fails now, before any of it is held.
-  const auto& headers = request->answerHeaders;
-  auto length = headers.find(kHEADER_CONTENT_LENGTH);
-  if (length == headers.end() || headers.count(kHEADER_CONTENT_ENCODING)) return 0;
-  const auto announced = internal::ParseDecimal(length->second.View());
+  const auto length = FieldValue(request->answerFields, kHEADER_CONTENT_LENGTH.View());
+  if (!length || FieldValue(request->answerFields, kHEADER_CONTENT_ENCODING.View())) return 0;
+  const auto announced = internal::ParseDecimal(*length);
   if (announced && *announced > request->maxAnswerBodyBytes) {
     request->broken = "answer larger than its limit";
     nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, frame->hd.stream_id, NGHTTP2_CANCEL);
@@ -240,10 +227,7 @@ int Http2Session::OnDataChunk(nghttp2_session* session, uint8_t, int32_t streamI
   if (!request || request->broken) return 0;
   request->bodyStarted = true;
   auto& decoder = request->http2->decoder;
-  if (!decoder) {
-    auto encoding = request->answerHeaders.find(kHEADER_CONTENT_ENCODING);
-    decoder.emplace(encoding == request->answerHeaders.end() ? std::string_view() : encoding->second.View());
-  }
+  if (!decoder) decoder.emplace(FieldValue(request->answerFields, kHEADER_CONTENT_ENCODING.View()).value_or(""));
   const char* broken = nullptr;
   if (!decoder->Append(request->answerBody, data, length, request->maxAnswerBodyBytes, broken)) {
     request->broken = broken;

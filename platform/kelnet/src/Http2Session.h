@@ -63,11 +63,6 @@ class Http2Session {
 
  private:
   void EndStream(int32_t streamId, const char* error, bool again);
-  // An answer's field, name and value. A server sends much the same head every time, in the same
-  // order: the field at the same place in the last head is compared first, so a name or value
-  // seen there is not interned anew (a hash and a lock each), and a value that changes every time
-  // (a date, a sequence number) replaces only its own place.
-  std::pair<kelcore::ImmutableString, kelcore::ImmutableString> Field(std::string_view name, std::string_view value);
 
   static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name, size_t nameLength,
                       const uint8_t* value, size_t valueLength, uint8_t flags, void* self);
@@ -87,15 +82,6 @@ class Http2Session {
   Clock::time_point idleSince_ = Clock::now();
   std::unordered_map<int32_t, std::unique_ptr<Request>> streams_;
   std::vector<Ended> ended_;
-  struct RecentField {
-    // Views of name and value, kept beside them: compared without a call per entry.
-    std::string_view nameView;
-    std::string_view valueView;
-    kelcore::ImmutableString name;
-    kelcore::ImmutableString value;
-  };
-  std::array<RecentField, 16> fields_;  // the last head's fields, by place
-  std::size_t fieldAt_ = 0;             // the place of the next field of the head being read
   std::vector<nghttp2_nv> head_;
 };
 

@@ -110,6 +110,7 @@ void Request::PrepareEasy(CURL* handle, const kelcore::ImmutableString& url, con
 
 void Request::Restart() {
   answerHeaders.clear();
+  answerFields.clear();
   answerBody.clear();
   broken = nullptr;
   if (http2) http2->Restart();

@@ -48,7 +48,8 @@ struct Request {
   bool retried = false;
 
   int status = 0;
-  HeaderMap answerHeaders;
+  HeaderMap answerHeaders;  // curl's answers
+  std::string answerFields;  // our HTTP/2 answers: Response::ReceivedFields' text
   HeaderMap::iterator lastHeader;
   bool haveLastHeader = false;
   std::shared_ptr<const HeaderMap> deliveredHeaders;  // the answer's headers, as the consumer sees them

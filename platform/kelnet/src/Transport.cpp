@@ -380,7 +380,7 @@ void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* err
                                std::vector<std::function<void()>>& done) {
   std::shared_ptr<Response> response;
   if (!error && !request->cancelled) {
-    response = std::make_shared<Response>(request->status, std::move(request->answerHeaders),
+    response = std::make_shared<Response>(request->status, Response::ReceivedFields{std::move(request->answerFields)},
                                           std::move(request->answerBody), "2");
   } else if (!request->cancelled) {
     LogWarning("HTTP request failed", {{"host", request->host}, {"error", error}, {"detail", ""}});

@@ -34,13 +34,21 @@ TEST_F(Http2ClientTest, BodiesCrossWholeWithAnExactHead) {
   std::string pad(300000, ' ');
   for (std::size_t i = 0; i < pad.size(); ++i) pad[i] = static_cast<char>('a' + i % 23);
   const std::string big = R"({"query":"query Me { me { id } }","variables":{"pad":")" + pad + R"("}})";
+  std::vector<std::shared_ptr<kelnet::Response>> responses;
   for (const std::string& body : {big, std::string()}) {
-    auto response = Post(body);
-    ASSERT_TRUE(response);
-    EXPECT_EQ(response->HttpVersion(), "2");
+    responses.push_back(Post(body));
+    ASSERT_TRUE(responses.back());
+    EXPECT_EQ(responses.back()->HttpVersion(), "2");
   }
   const auto requests = Requests();
   ASSERT_EQ(requests.size(), 2u);
+  // The answer's head, as the server sent it: its sequence number names the request it answers.
+  for (std::size_t i = 0; i < 2; ++i) {
+    const auto& response = *responses[i];
+    EXPECT_EQ(response.FirstHeader("x-emulator-seq"), std::to_string(requests[i].AsDictionary().GetInteger("seq")));
+    EXPECT_EQ(response.LastHeader("content-length"), std::to_string(response.Body().size()));
+    EXPECT_EQ(response.Headers().count(kelcore::ImmutableString("content-type")), 1u);
+  }
   const std::string url(Url("/graphql").View());
   for (std::size_t i = 0; i < 2; ++i) {
     const auto entry = requests[i].AsDictionary();

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -68,13 +69,27 @@ struct Configuration {
 
 class Response {
  public:
+  // An answer's fields as they arrived: each name and each value followed by a NUL, names in lower
+  // case and no NUL inside either (what HTTP/2 guarantees).
+  struct ReceivedFields {
+    std::string text;
+  };
+
   Response() = default;
   Response(int status, HeaderMap headers, std::string body, std::string httpVersion = "1.1")
       : status_(status), headers_(std::move(headers)), body_(std::move(body)), httpVersion_(std::move(httpVersion)) {}
+  // The header map is made from the fields the first time it is asked for: most answers are read
+  // for their status and body alone, and a map costs an allocation and an interned name and value
+  // per field.
+  Response(int status, ReceivedFields fields, std::string body, std::string httpVersion)
+      : status_(status), fields_(std::move(fields.text)), body_(std::move(body)), httpVersion_(std::move(httpVersion)) {}
+  Response(const Response&) = delete;
+  Response& operator=(const Response&) = delete;
 
   int StatusCode() const noexcept { return status_; }
   bool IsSuccess() const noexcept { return status_ >= 200 && status_ <= 299; }
-  const HeaderMap& Headers() const noexcept { return headers_; }
+  // Safe from any number of threads at once, like every other accessor.
+  const HeaderMap& Headers() const;
   // First / last value of the (lower-case) header name; empty when absent.
   kelcore::ImmutableString FirstHeader(std::string_view name) const;
   kelcore::ImmutableString LastHeader(std::string_view name) const;
@@ -82,8 +97,12 @@ class Response {
   const std::string& HttpVersion() const noexcept { return httpVersion_; }  // "1.1" or "2"
 
  private:
+  void MakeHeaders() const;
+
   int status_ = kStatusNone;
-  HeaderMap headers_;
+  std::string fields_;  // ReceivedFields' text, until the map is made
+  mutable std::once_flag headersMade_;
+  mutable HeaderMap headers_;
   std::string body_;
   std::string httpVersion_;
 };
