@@ -91,6 +91,8 @@ void Http2Exchange::Restart() {
   sent = false;
   bodySent = 0;
   headBytes = 0;
+  announcedLength.reset();
+  encoding.reset();
   decoder.reset();
 }
 

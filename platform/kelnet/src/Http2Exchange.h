@@ -47,6 +47,10 @@ struct Http2Exchange {
   bool sent = false;  // its HEADERS frame went out on this attempt
   std::size_t bodySent = 0;
   std::size_t headBytes = 0;
+  // Of the answer's head, noted as its fields go by: the first Content-Length and
+  // Content-Encoding (short texts: no allocation).
+  std::optional<std::string> announcedLength;
+  std::optional<std::string> encoding;
 
   // Builds the head and the deadline; the caller has checked the headers (Request::PrepareHeaders).
   // now: the time the request was submitted, its deadline counted from it.

@@ -46,18 +46,6 @@ std::string_view View(const uint8_t* data, size_t length) {
   return std::string_view(reinterpret_cast<const char*>(data), length);
 }
 
-// The first value of a field (a lower-case name) in an answer's fields as Request keeps them.
-std::optional<std::string_view> FieldValue(std::string_view fields, std::string_view name) {
-  while (!fields.empty()) {
-    const std::size_t nameEnd = fields.find('\0');
-    const std::size_t valueEnd = nameEnd == std::string_view::npos ? nameEnd : fields.find('\0', nameEnd + 1);
-    if (valueEnd == std::string_view::npos) break;
-    if (fields.substr(0, nameEnd) == name) return fields.substr(nameEnd + 1, valueEnd - nameEnd - 1);
-    fields.remove_prefix(valueEnd + 1);
-  }
-  return std::nullopt;
-}
-
 }  // namespace
 
 Http2Session::~Http2Session() {
@@ -189,12 +177,21 @@ int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame,
     std::from_chars(text.data(), text.data() + text.size(), status);
     request->status = status;
     request->answerFields.clear();
+    exchange.announcedLength.reset();
+    exchange.encoding.reset();
     return 0;
   }
   if (field.empty() || field.front() == ':') return 0;
-  // nghttp2 lets no NUL through in a name or value: it separates them here.
+  // nghttp2 lets no NUL through in a name or value: it separates them here. Room for a usual
+  // head at once, not grown field by field.
+  if (request->answerFields.capacity() < 256) request->answerFields.reserve(256);
   request->answerFields.append(field).push_back('\0');
   request->answerFields.append(View(value, valueLength)).push_back('\0');
+  if (field == kHEADER_CONTENT_LENGTH.View()) {
+    if (!exchange.announcedLength) exchange.announcedLength.emplace(View(value, valueLength));
+  } else if (field == kHEADER_CONTENT_ENCODING.View()) {
+    if (!exchange.encoding) exchange.encoding.emplace(View(value, valueLength));
+  }
   return 0;
 }
 
@@ -209,9 +206,9 @@ int Http2Session::OnFrameReceived(nghttp2_session* session, const nghttp2_frame*
   Request* request = StreamRequest(session, frame->hd.stream_id);
   if (!request) return 0;
   // A body announced larger than the limit fails now, before any of it is held.
-  const auto length = FieldValue(request->answerFields, kHEADER_CONTENT_LENGTH.View());
-  if (!length || FieldValue(request->answerFields, kHEADER_CONTENT_ENCODING.View())) return 0;
-  const auto announced = internal::ParseDecimal(*length);
+  const Http2Exchange& exchange = *request->http2;
+  if (!exchange.announcedLength || exchange.encoding) return 0;
+  const auto announced = internal::ParseDecimal(*exchange.announcedLength);
   if (announced && *announced > request->maxAnswerBodyBytes) {
     request->broken = "answer larger than its limit";
     nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, frame->hd.stream_id, NGHTTP2_CANCEL);
@@ -227,7 +224,7 @@ int Http2Session::OnDataChunk(nghttp2_session* session, uint8_t, int32_t streamI
   if (!request || request->broken) return 0;
   request->bodyStarted = true;
   auto& decoder = request->http2->decoder;
-  if (!decoder) decoder.emplace(FieldValue(request->answerFields, kHEADER_CONTENT_ENCODING.View()).value_or(""));
+  if (!decoder) decoder.emplace(request->http2->encoding ? std::string_view(*request->http2->encoding) : std::string_view());
   const char* broken = nullptr;
   if (!decoder->Append(request->answerBody, data, length, request->maxAnswerBodyBytes, broken)) {
     request->broken = broken;

@@ -39,7 +39,7 @@ struct Request {
   CURL* easy = nullptr;
   // Set for a POST that goes over kelnet's own HTTP/2 connections (Http2Client) instead of curl.
   std::optional<Http2Exchange> http2;  // in place: one allocation less per POST
-  std::string host;  // for the log; never the path, query or user info
+  std::string host;  // curl's, for the log (an HTTP/2 exchange has its own); never the path, query or user info
   std::string path;  // to keep them out of curl's error text in the log
   std::string query;
   std::string userInfo;

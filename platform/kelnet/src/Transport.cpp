@@ -139,7 +139,6 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
   }
   request->completion = std::move(completion);
   request->requestBody = std::move(requestBody);
-  request->host = parts->host;
 
   // POSTs over HTTP/2 go over our own connections (Http2Client.h): what that client does not do
   // (a proxy, credentials in the URL, redirects, plain http) stays curl's.
@@ -158,6 +157,7 @@ bool Transport::Submit(const Guid& id, DataCallback onData, Completion completio
     request->http2->Prepare(*parts, headers, request->requestBody ? request->requestBody->Size() : 0, now);
     request->maxAnswerBodyBytes = configuration.maxAnswerBodyBytes;
   } else {
+    request->host = parts->host;
     request->KeepSecretsOfURL(*parts);
     easy = AcquireEasy();
     if (!easy) return false;
@@ -383,7 +383,9 @@ void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* err
     response = std::make_shared<Response>(request->status, Response::ReceivedFields{std::move(request->answerFields)},
                                           std::move(request->answerBody), "2");
   } else if (!request->cancelled) {
-    LogWarning("HTTP request failed", {{"host", request->host}, {"error", error}, {"detail", ""}});
+    LogWarning("HTTP request failed", {{"host", request->http2 ? request->http2->host : request->host},
+                                       {"error", error},
+                                       {"detail", ""}});
   }
   Complete(std::move(request), std::move(response), done);
 }
@@ -403,6 +405,7 @@ void Transport::HandToCurl(std::unique_ptr<Request> request) {
   }
   auto exchange = std::move(request->http2);
   request->http2.reset();
+  request->host = exchange->host;
   if (auto parts = ParseURL(exchange->url.View())) request->KeepSecretsOfURL(*parts);
   bool hasRange = false;
   request->PrepareHeaders(HeaderMap(exchange->callerHeaders.begin(), exchange->callerHeaders.end()), hasRange);
