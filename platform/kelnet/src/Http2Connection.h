@@ -1,6 +1,6 @@
 #pragma once
 // One HTTP/2 connection over TLS for POSTs: OpenSSL on a connected non-blocking socket, carrying
-// an Http2Session, driven by the network thread alone.
+// an Http2Session, driven under Http2Client's mutex (by the completion thread, mostly: see Http2Client.h).
 //
 // Why our own and not curl's: curl 7.88 writes each request's HEADERS and DATA as TLS records of
 // their own, with a poll between them, and walks every transfer on every turn; on small queries

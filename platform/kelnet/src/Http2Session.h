@@ -5,7 +5,7 @@
 // A request handed to Submit belongs to the session until it comes back through TakeEnded:
 // answered, failed, or to be sent again elsewhere (never sent, or refused by the server unseen).
 //
-// Threads: the network thread alone.
+// Threads: one at a time, under Http2Client's mutex.
 
 #include <nghttp2/nghttp2.h>
 

@@ -1,22 +1,25 @@
 #pragma once
-// The network thread: one libcurl multi handle, driven by curl_multi_poll, and kelnet's own
-// HTTP/2 connections for POSTs (Http2Client), whose sockets the same poll watches. Callers
-// prepare a request on their own thread and hand it over through a locked queue; the network
-// thread adds it, drives every transfer and hands each finished one on. One thread keeps
-// connection reuse and multiplexing in one place and means no lock is taken while curl works.
+// The network thread: one libcurl multi handle, driven by curl_multi_poll. Callers prepare a
+// request on their own thread and hand it over through a locked queue; the network thread adds
+// it, drives every transfer and hands each finished one on. One thread keeps connection reuse
+// and multiplexing in one place and means no lock is taken while curl works.
 //
 // No caller's code runs on the network thread: POST completions and timer tasks go to the
 // completion thread, streaming data and completions to the delivery thread.
 //
+// POSTs over kelnet's own HTTP/2 connections (Http2Client) are the exception to "one thread
+// drives every transfer" (decision 045): the completion thread reads their answers, sleeping in
+// poll() on their sockets when it has nothing to run, and writes the requests its completions
+// start (batched_, SubmitBatch) once its batch has run. A round of answers and the requests they
+// start so wake one thread once. The network thread still adds the requests other threads start,
+// opens the connections and cancels; Http2Client's own mutex guards its connections.
+//
 // Threads: Submit, Cancel, Schedule and Shutdown run on any thread (mutex_ guards what they hand
 // over); Run is the network thread; active_ and everything in a curl Request once handed over
-// are the network thread's alone. One exception saves a wake-up per round of answers: the
-// POSTs over HTTP/2 that completions start are kept by the completion thread (batched_) and,
-// once its batch has run, put on their connection and written by it (SubmitBatch); Http2Client's
-// own mutex guards its connections. The bytes of a streaming GET go to its consumer on the delivery thread
-// (DeliveryQueue): the consumer writes them to disk, and a slow disk must neither stall the other
-// transfers nor keep this transfer from receiving while the last chunk is written. The network
-// thread never waits for the delivery thread.
+// are the network thread's alone. The bytes of a streaming GET go to its consumer on the delivery
+// thread (DeliveryQueue): the consumer writes them to disk, and a slow disk must neither stall
+// the other transfers nor keep this transfer from receiving while the last chunk is written. The
+// network thread never waits for the delivery thread.
 
 #include <curl/curl.h>
 
