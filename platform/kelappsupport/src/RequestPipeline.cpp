@@ -196,6 +196,20 @@ std::shared_ptr<Exchange> RequestPipeline::Start(ExchangePlan plan, ExchangeDone
   ClassifyDestination(plan.url, *exchange);
   exchange->plan = std::move(plan);
   exchange->done = std::move(done);
+  return Admit(std::move(exchange));
+}
+
+std::shared_ptr<Exchange> RequestPipeline::Start(ExchangePlan plan, const kelcore::utility::Guid& requestId,
+                                                 kelnet::Completion completion) {
+  auto exchange = std::make_shared<Exchange>();
+  ClassifyDestination(plan.url, *exchange);
+  exchange->plan = std::move(plan);
+  exchange->requestId = requestId;
+  exchange->completion = std::move(completion);
+  return Admit(std::move(exchange));
+}
+
+std::shared_ptr<Exchange> RequestPipeline::Admit(std::shared_ptr<Exchange> exchange) {
   bool launchNow = false;
   {
     std::lock_guard lock(mutex_);
@@ -401,17 +415,23 @@ void RequestPipeline::Cancel(const std::shared_ptr<Exchange>& exchange) {
 void RequestPipeline::Finish(const std::shared_ptr<Exchange>& exchange,
                              const std::shared_ptr<kelnet::Response>& response) {
   ExchangeDone done;
+  kelnet::Completion completion;
   std::shared_ptr<ITransport> transport;
   {
     std::lock_guard lock(mutex_);
     exchange->state = Exchange::State::Done;
     done = std::move(exchange->done);
+    completion = std::move(exchange->completion);
     transport = transport_;
   }
-  if (!done) return;
-  auto run = [exchange, response, done = std::move(done)] {
+  if (!done && !completion) return;
+  auto run = [exchange, response, done = std::move(done), completion = std::move(completion)] {
     try {
-      done(response, exchange->delivered);
+      if (done) {
+        done(response, exchange->delivered);
+      } else {
+        completion(exchange->requestId, response);
+      }
     } catch (const std::exception& error) {
       LogWarning("request completion threw", {{"what", error.what()}});
     } catch (...) {

@@ -48,6 +48,9 @@ class Exchange {
   kelcore::ImmutableString host;     // lower-case; empty when the URL did not parse
   bool secure = false;  // https
   ExchangeDone done;
+  // Or the caller's own completion and id, called as they are: no wrapper to allocate per request.
+  kelnet::Completion completion;
+  kelcore::utility::Guid requestId;
   std::atomic<bool> delivered{false};
 
   // Guarded by the pipeline's mutex.
@@ -81,12 +84,16 @@ class RequestPipeline : public std::enable_shared_from_this<RequestPipeline> {
 
   // Starts the exchange or queues it. Null when it was refused at once; done is then never called.
   std::shared_ptr<Exchange> Start(ExchangePlan plan, ExchangeDone done);
+  // The same, ending with completion(requestId, response).
+  std::shared_ptr<Exchange> Start(ExchangePlan plan, const kelcore::utility::Guid& requestId,
+                                  kelnet::Completion completion);
   // Ends the exchange with a null response without further attempts, whatever its state.
   void Cancel(const std::shared_ptr<Exchange>& exchange);
 
  private:
   bool HasRoomLocked(const kelcore::ImmutableString& hostKey) const;
   void ReserveLocked(Exchange& exchange);
+  std::shared_ptr<Exchange> Admit(std::shared_ptr<Exchange> exchange);
   void ReleaseLocked(const kelcore::ImmutableString& hostKey);
   bool Launch(const std::shared_ptr<Exchange>& exchange);
   void OnAttemptDone(const std::shared_ptr<Exchange>& exchange, const std::shared_ptr<kelnet::Response>& response);

@@ -123,9 +123,8 @@ int ServiceBase::HttpPost(const kelcore::utility::Guid& requestId, kelnet::Compl
   plan.body = std::move(body);
   plan.configuration = configuration;
   plan.authorize = authorize;
-  auto done = [requestId, completion = std::move(completion)](const std::shared_ptr<kelnet::Response>& response,
-                                                              bool) { completion(requestId, response); };
-  return pipeline_->Start(std::move(plan), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
+  return pipeline_->Start(std::move(plan), requestId, std::move(completion)) ? kelcore::kResultOK
+                                                                           : kelcore::kErrorFailed;
 }
 
 int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelnet::DataCallback onData,
@@ -148,9 +147,8 @@ int ServiceBase::HttpStreamingGet(const kelcore::utility::Guid& requestId, kelne
                                                            const kelnet::HeaderMap& responseHeaders) {
       onData(requestId, data, offset, size, progress, responseHeaders);
     };
-    auto done = [requestId, completion = std::move(completion)](const std::shared_ptr<kelnet::Response>& response,
-                                                                bool) { completion(requestId, response); };
-    return pipeline_->Start(std::move(plan), std::move(done)) ? kelcore::kResultOK : kelcore::kErrorFailed;
+    return pipeline_->Start(std::move(plan), requestId, std::move(completion)) ? kelcore::kResultOK
+                                                                             : kelcore::kErrorFailed;
   }
   detail::SegmentedDownload::Request request;
   request.requestId = requestId;

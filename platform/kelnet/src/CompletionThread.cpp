@@ -35,16 +35,32 @@ void CompletionThread::WakeLocked() {
   }
 }
 
+void CompletionThread::Run(Task& task) {
+  try {
+    if (task.run) {
+      task.run();
+    } else if (task.completion) {
+      task.completion(task.id, task.response);
+    }
+  } catch (const std::exception& error) {
+    kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {{"what", error.what()}});
+  } catch (...) {
+    kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {});
+  }
+  // Its captures (a caller's state among them) go here, not on whichever thread comes next.
+  task = Task{};
+}
+
 bool CompletionThread::Post(std::function<void()> task) {
   std::lock_guard lock(mutex_);
   if (ended_) return false;
-  tasks_.push_back(std::move(task));
+  tasks_.push_back(Task{std::move(task), nullptr, {}, nullptr});
   // A busy thread looks at the queue before it sleeps again: only a sleeping one needs the write.
   if (sleeping_) WakeLocked();
   return true;
 }
 
-bool CompletionThread::PostAll(std::vector<std::function<void()>>& tasks) {
+bool CompletionThread::PostAll(std::vector<Task>& tasks) {
   std::lock_guard lock(mutex_);
   if (ended_) return false;
   for (auto& task : tasks) tasks_.push_back(std::move(task));
@@ -79,17 +95,7 @@ void CompletionThread::Run() {
       // them, in order.
       taken_.swap(tasks_);
       lock.unlock();
-      for (auto& task : taken_) {
-        try {
-          task();
-        } catch (const std::exception& error) {
-          kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {{"what", error.what()}});
-        } catch (...) {
-          kelcore::logging::LogWarning("kelnet", "HTTP completion threw", {});
-        }
-        // Its captures (a caller's state among them) go here, not on whichever thread comes next.
-        task = nullptr;
-      }
+      for (auto& task : taken_) Run(task);
       taken_.clear();
       ran = true;
       lock.lock();

@@ -20,10 +20,23 @@
 #include <thread>
 #include <vector>
 
+#include "kelnet/Http.h"
+
 namespace kelnet {
 
 class CompletionThread {
  public:
+  // What the thread runs: a task, or a POST's completion with its answer (kept as it is, so that
+  // no wrapper is allocated per request).
+  struct Task {
+    std::function<void()> run;
+    Completion completion;
+    kelcore::utility::Guid id;
+    std::shared_ptr<Response> response;
+  };
+  // Runs one, on the calling thread; what it throws is logged.
+  static void Run(Task& task);
+
   struct Hooks {
     // Each time it has run what was queued (Transport's: it writes the POSTs the batch started).
     std::function<void()> onDrained;
@@ -42,8 +55,8 @@ class CompletionThread {
   void Start(Hooks hooks = {});
   // False once the thread has ended (the task is not run; the caller runs it itself).
   bool Post(std::function<void()> task);
-  // The same for several tasks, in order, in one hand-off; they are moved from only when taken.
-  bool PostAll(std::vector<std::function<void()>>& tasks);
+  // Several, in order, in one hand-off; they are moved from only when taken.
+  bool PostAll(std::vector<Task>& tasks);
   // What fillPoll would give has changed: the thread polls again, with the new set.
   void Wake();
   // Runs what is queued, and what that posts, then ends.
@@ -56,8 +69,8 @@ class CompletionThread {
   void WakeLocked();
 
   std::mutex mutex_;
-  std::vector<std::function<void()>> tasks_;  // handed over, not yet taken
-  std::vector<std::function<void()>> taken_;  // this thread's: what it runs now, in order
+  std::vector<Task> tasks_;  // handed over, not yet taken
+  std::vector<Task> taken_;  // this thread's: what it runs now, in order
   Hooks hooks_;
   int wakeFd_ = -1;         // an eventfd: written to wake the thread from poll()
   bool sleeping_ = false;   // in poll(), or about to be: a new task must wake it

@@ -259,10 +259,10 @@ void Transport::ServeHttp2(std::vector<pollfd>& polled) {
 void Transport::CollectHttp2() {
   auto ended = http2_.TakeEnded();
   if (ended.empty()) return;
-  std::vector<std::function<void()>> done;
+  std::vector<CompletionThread::Task> done;
   for (auto& each : ended) FinishOwnHttp2(std::move(each.request), each.error, done);
   if (!completions_.PostAll(done)) {
-    for (auto& run : done) run();
+    for (auto& task : done) CompletionThread::Run(task);
   }
 }
 
@@ -377,7 +377,7 @@ void Transport::Finish(std::unique_ptr<Request> request, CURLcode code) {
 }
 
 void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* error,
-                               std::vector<std::function<void()>>& done) {
+                               std::vector<CompletionThread::Task>& done) {
   std::shared_ptr<Response> response;
   if (!error && !request->cancelled) {
     response = std::make_shared<Response>(request->status, Response::ReceivedFields{std::move(request->answerFields)},
@@ -418,7 +418,7 @@ void Transport::HandToCurl(std::unique_ptr<Request> request) {
 }
 
 void Transport::Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response,
-                         std::vector<std::function<void()>>& done) {
+                         std::vector<CompletionThread::Task>& done) {
   Completion completion = std::move(request->completion);
   if (request->stream) {
     std::shared_ptr<Stream> stream = std::move(request->stream);
@@ -431,9 +431,7 @@ void Transport::Complete(std::unique_ptr<Request> request, std::shared_ptr<Respo
   const Guid id = request->id;
   request.reset();
   if (!completion) return;
-  done.push_back([id, completion = std::move(completion), response = std::move(response)] {
-    completion(id, response);
-  });
+  done.push_back({nullptr, std::move(completion), id, std::move(response)});
 }
 
 // The completions of one turn of the loop go over in one hand-off (one lock, at most one wake-up).
@@ -441,7 +439,7 @@ void Transport::HandOverCompletions() {
   if (finished_.empty()) return;
   // The completion thread ends after this thread, so this only fails if it could not start.
   if (!completions_.PostAll(finished_)) {
-    for (auto& run : finished_) run();
+    for (auto& task : finished_) CompletionThread::Run(task);
   }
   finished_.clear();
 }

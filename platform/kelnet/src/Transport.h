@@ -71,9 +71,9 @@ class Transport {
   void Finish(std::unique_ptr<Request> request, CURLcode code);
   // done: where the completion goes (finished_ on the network thread; the completion thread
   // queues its own).
-  void FinishOwnHttp2(std::unique_ptr<Request> request, const char* error, std::vector<std::function<void()>>& done);
+  void FinishOwnHttp2(std::unique_ptr<Request> request, const char* error, std::vector<CompletionThread::Task>& done);
   void Complete(std::unique_ptr<Request> request, std::shared_ptr<Response> response,
-                std::vector<std::function<void()>>& done);
+                std::vector<CompletionThread::Task>& done);
   void ServeHttp2(std::vector<pollfd>& polled);
   void CollectHttp2();
   void TakeOwnHttp2Results();
@@ -112,7 +112,7 @@ class Transport {
 
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
-  std::vector<std::function<void()>> finished_;  // POST completions not yet handed over
+  std::vector<CompletionThread::Task> finished_;  // POST completions not yet handed over
   Http2Client http2_;  // POSTs over HTTP/2: our own connections, read on the completion thread
 };
 
