@@ -1,8 +1,9 @@
 // An HTTP/2 server's bytes into a client session carrying three POSTs, one of them offering to
 // take a compressed answer. Whatever the server sends: every request comes back exactly once
 // (answered, failed or to be sent again), an answer is never larger than its limit, and one
-// marked answered has a final status.
+// marked answered has a final status and its fields, each name and value whole.
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -53,7 +54,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   for (auto& end : session.TakeEnded()) {
     FUZZ_CHECK(submitted.erase(end.request.get()) == 1);
     FUZZ_CHECK(end.request->answerBody.size() <= kLimit);
-    if (!end.error) FUZZ_CHECK(end.request->status >= 200 && end.request->status <= 999);
+    if (!end.error) {
+      FUZZ_CHECK(end.request->status >= 200 && end.request->status <= 999);
+      // The fields are kept NUL-separated: no NUL may have come inside a name or value.
+      const std::string& fields = end.request->answerFields;
+      const auto nuls = static_cast<std::size_t>(std::count(fields.begin(), fields.end(), '\0'));
+      const kelnet::Response response(end.request->status, kelnet::Response::ReceivedFields{fields}, "", "2");
+      FUZZ_CHECK(nuls % 2 == 0 && response.Headers().size() == nuls / 2);
+    }
     ++ended;
   }
   FUZZ_CHECK(ended + session.StreamCount() == 3);

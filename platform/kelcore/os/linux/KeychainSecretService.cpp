@@ -77,7 +77,8 @@ const SecretLibrary* LoadSecretLibrary() {
 // Calls the loaded function. Each name below is an object, not a function, so that a call in
 // this file (GLib's macros included) finds it and never the real function through the argument
 // types; and it converts to the real function's pointer where GLib takes one (g_free as a
-// destroy notifier). Only reached once LoadSecretLibrary has succeeded.
+// destroy notifier), or where a template must see one (`+name`). Only reached once
+// LoadSecretLibrary has succeeded.
 // GCC warns that a function type's attributes (warn_unused_result) do not carry into a template
 // argument: they need not, the calls are the library's own.
 #pragma GCC diagnostic push
@@ -205,7 +206,7 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
     SecretValue* value = secret_value_new(bytes.data(), static_cast<gssize>(bytes.size()), "text/plain");
     std::lock_guard lock(context_->mutex);
     GErrorPtr error;
-    const auto stored = Call("storing a secret", LoadSecretLibrary()->secret_service_store_finish, error,
+    const auto stored = Call("storing a secret", +secret_service_store_finish, error,
                              [&](GCancellable* cancellable, GAsyncReadyCallback callback, gpointer data) {
                                secret_service_store(service_.get(), Schema(), attributes.get(),
                                                     persistent ? SECRET_COLLECTION_DEFAULT : SECRET_COLLECTION_SESSION,
@@ -221,7 +222,7 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
   std::u16string GetPassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
     std::lock_guard lock(context_->mutex);
     GErrorPtr error;
-    const auto found = CallForItem("reading a secret", LoadSecretLibrary()->secret_service_lookup, LoadSecretLibrary()->secret_service_lookup_finish,
+    const auto found = CallForItem("reading a secret", +secret_service_lookup, +secret_service_lookup_finish,
                                    MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent), error);
     if (!found) return {};
     SecretValue* value = *found;
@@ -245,7 +246,7 @@ class SecretServiceKeychain final : public keychain_detail::KeychainBackend<Secr
   bool RemovePassword(const std::u16string& service, const std::u16string& account, bool persistent) override {
     std::lock_guard lock(context_->mutex);
     GErrorPtr error;
-    const auto removed = CallForItem("removing a secret", LoadSecretLibrary()->secret_service_clear, LoadSecretLibrary()->secret_service_clear_finish,
+    const auto removed = CallForItem("removing a secret", +secret_service_clear, +secret_service_clear_finish,
                                      MakeAttributes(UTF16ToUTF8(service), UTF16ToUTF8(account), persistent), error);
     if (error) keychain_detail::Warn("Secret Service: removing a secret failed: " + Describe(error, ""));
     return removed && *removed;
