@@ -350,9 +350,9 @@ void Http2Client::Stop() {
   connectsWanted_ = false;
 }
 
-std::vector<Http2Client::Ended> Http2Client::TakeEnded() {
+void Http2Client::TakeEnded(std::vector<Ended>& into) {
   std::lock_guard lock(mutex_);
-  return std::exchange(ended_, {});
+  into.swap(ended_);
 }
 
 std::vector<std::unique_ptr<Request>> Http2Client::TakeForCurl() {

@@ -257,13 +257,16 @@ void Transport::ServeHttp2(std::vector<pollfd>& polled) {
 
 // Completion thread: what the HTTP/2 client ended completes here, after what is queued.
 void Transport::CollectHttp2() {
-  auto ended = http2_.TakeEnded();
+  std::vector<Http2Client::Ended>& ended = collectedEnds_;
+  http2_.TakeEnded(ended);
   if (ended.empty()) return;
-  std::vector<CompletionThread::Task> done;
+  std::vector<CompletionThread::Task>& done = collectedTasks_;
   for (auto& each : ended) FinishOwnHttp2(std::move(each.request), each.error, done);
+  ended.clear();
   if (!completions_.PostAll(done)) {
     for (auto& task : done) CompletionThread::Run(task);
   }
+  done.clear();
 }
 
 void Transport::WakeNetwork() {
@@ -393,7 +396,9 @@ void Transport::FinishOwnHttp2(std::unique_ptr<Request> request, const char* err
 // What the HTTP/2 client ended goes to its caller; what it handed back (an origin without "h2")
 // goes to curl.
 void Transport::TakeOwnHttp2Results() {
-  for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), ended.error, finished_);
+  http2_.TakeEnded(networkEnds_);
+  for (auto& each : networkEnds_) FinishOwnHttp2(std::move(each.request), each.error, finished_);
+  networkEnds_.clear();
   for (auto& request : http2_.TakeForCurl()) HandToCurl(std::move(request));
 }
 
@@ -478,7 +483,9 @@ void Transport::Run() {
         Finish(std::move(node.mapped()), CURLE_ABORTED_BY_CALLBACK);
       }
       http2_.Stop();
-      for (auto& ended : http2_.TakeEnded()) FinishOwnHttp2(std::move(ended.request), nullptr, finished_);
+      http2_.TakeEnded(networkEnds_);
+      for (auto& each : networkEnds_) FinishOwnHttp2(std::move(each.request), nullptr, finished_);
+      networkEnds_.clear();
       for (auto& request : http2_.TakeForCurl()) {
         request->cancelled = true;
         FinishOwnHttp2(std::move(request), nullptr, finished_);

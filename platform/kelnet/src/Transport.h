@@ -113,6 +113,11 @@ class Transport {
   // Network thread only.
   std::unordered_map<CURL*, std::unique_ptr<Request>> active_;
   std::vector<CompletionThread::Task> finished_;  // POST completions not yet handed over
+  std::vector<Http2Client::Ended> networkEnds_;
+
+  // Completion thread only: CollectHttp2's, kept with their room from one round to the next.
+  std::vector<Http2Client::Ended> collectedEnds_;
+  std::vector<CompletionThread::Task> collectedTasks_;
   Http2Client http2_;  // POSTs over HTTP/2: our own connections, read on the completion thread
 };
 
