@@ -2,6 +2,7 @@
 
 #include "Http2Session.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <optional>
@@ -86,8 +87,12 @@ bool Http2Session::Submit(std::unique_ptr<Request>& request) {
   const int32_t id =
       nghttp2_submit_request(session_, nullptr, head.data(), head.size(), hasBody ? &body : nullptr, request.get());
   if (id < 0) return false;
-  streams_.emplace(id, std::move(request));
+  streams_.emplace_back(id, std::move(request));
   return true;
+}
+
+std::vector<std::pair<int32_t, std::unique_ptr<Request>>>::iterator Http2Session::Find(int32_t streamId) {
+  return std::find_if(streams_.begin(), streams_.end(), [&](const auto& stream) { return stream.first == streamId; });
 }
 
 std::vector<Request*> Http2Session::Requests() const {
@@ -104,7 +109,8 @@ std::unique_ptr<Request> Http2Session::Cancel(Request* request) {
       nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, it->first, NGHTTP2_CANCEL);
     }
     auto taken = std::move(it->second);
-    streams_.erase(it);
+    *it = std::move(streams_.back());
+    streams_.pop_back();
     if (streams_.empty()) idleSince_ = Clock::now();
     taken->cancelled = true;
     return taken;
@@ -143,19 +149,22 @@ void Http2Session::Fail(const char* why) {
   if (failed_) return;
   failed_ = true;
   while (!streams_.empty()) {
-    auto& [id, request] = *streams_.begin();
+    auto& [id, request] = streams_.back();
     const bool unanswered = request->status == 0 && !request->bodyStarted;
     EndStream(id, why, !request->http2->sent || (unanswered && everAnswered_));
   }
 }
 
 void Http2Session::EndStream(int32_t streamId, const char* error, bool again) {
-  auto node = streams_.extract(streamId);
-  if (node.empty()) return;
+  auto it = Find(streamId);
+  if (it == streams_.end()) return;
+  std::unique_ptr<Request> request = std::move(it->second);
+  *it = std::move(streams_.back());
+  streams_.pop_back();
   if (!failed_) nghttp2_session_set_stream_user_data(session_, streamId, nullptr);
   if (!error) everAnswered_ = true;
   if (streams_.empty()) idleSince_ = Clock::now();
-  ended_.push_back({std::move(node.mapped()), error, again});
+  ended_.push_back({std::move(request), error, again});
 }
 
 int Http2Session::OnHeader(nghttp2_session* session, const nghttp2_frame* frame, const uint8_t* name,
@@ -235,7 +244,7 @@ int Http2Session::OnDataChunk(nghttp2_session* session, uint8_t, int32_t streamI
 
 int Http2Session::OnStreamClose(nghttp2_session*, int32_t streamId, uint32_t errorCode, void* self) {
   auto* owner = static_cast<Http2Session*>(self);
-  auto it = owner->streams_.find(streamId);
+  auto it = owner->Find(streamId);
   if (it == owner->streams_.end()) return 0;
   Request& request = *it->second;
   if (request.broken) {

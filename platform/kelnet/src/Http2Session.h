@@ -15,7 +15,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Request.h"
@@ -80,7 +80,11 @@ class Http2Session {
   bool goawayReceived_ = false;
   bool everAnswered_ = false;  // a stream was answered here: a later loss is of a reused connection
   Clock::time_point idleSince_ = Clock::now();
-  std::unordered_map<int32_t, std::unique_ptr<Request>> streams_;
+  // The open streams and their requests. A flat list, searched: a connection carries a few dozen
+  // streams at most (the service throttles its requests), and a list keeps its room where a map
+  // allocates a node per request.
+  std::vector<std::pair<int32_t, std::unique_ptr<Request>>> streams_;
+  std::vector<std::pair<int32_t, std::unique_ptr<Request>>>::iterator Find(int32_t streamId);
   std::vector<Ended> ended_;
   std::vector<nghttp2_nv> head_;
 };

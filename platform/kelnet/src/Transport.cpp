@@ -217,8 +217,8 @@ void Transport::WakeLocked() {
 // Completion thread, its batch run: the POSTs those completions started go straight onto an open
 // connection; the rest (and any request for another origin) to the network thread.
 void Transport::SubmitBatch() {
-  std::vector<std::unique_ptr<Request>> batch;
-  std::vector<std::unique_ptr<Request>> cancelled;
+  std::vector<std::unique_ptr<Request>>& batch = submitting_;
+  std::vector<std::unique_ptr<Request>>& cancelled = submittingCancelled_;
   {
     std::lock_guard lock(mutex_);
     for (auto& request : batched_) (request->cancelled ? cancelled : batch).push_back(std::move(request));
@@ -226,6 +226,7 @@ void Transport::SubmitBatch() {
   }
   if (!batch.empty()) http2_.SubmitNow(batch);
   for (auto& request : cancelled) batch.push_back(std::move(request));
+  cancelled.clear();
   CollectHttp2();
   std::vector<std::unique_ptr<Request>> refused;
   {
@@ -241,6 +242,7 @@ void Transport::SubmitBatch() {
       WakeLocked();
     }
   }
+  batch.clear();
   // Accepted, but the network thread has ended: they complete here, without an answer.
   for (auto& request : refused) {
     if (request->completion) request->completion(request->id, nullptr);

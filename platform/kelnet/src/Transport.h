@@ -118,6 +118,8 @@ class Transport {
   // Completion thread only: CollectHttp2's, kept with their room from one round to the next.
   std::vector<Http2Client::Ended> collectedEnds_;
   std::vector<CompletionThread::Task> collectedTasks_;
+  std::vector<std::unique_ptr<Request>> submitting_;  // SubmitBatch's
+  std::vector<std::unique_ptr<Request>> submittingCancelled_;
   Http2Client http2_;  // POSTs over HTTP/2: our own connections, read on the completion thread
 };
 
