@@ -409,8 +409,8 @@ int Http2Client::FillPoll(std::vector<pollfd>& into) {
   // deadline are checked at least once a second.
   long wait = watched_.empty() ? -1 : 1000;
   if (nextDeadline_ != Clock::time_point::max()) {
-    const long left =
-        static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(nextDeadline_ - Clock::now()).count()) + 1;
+    const auto until = std::chrono::duration_cast<std::chrono::milliseconds>(nextDeadline_ - Clock::now());
+    const long left = static_cast<long>(until.count()) + 1;
     wait = std::clamp<long>(wait < 0 ? left : std::min(wait, left), 0, 1000);
   }
   return static_cast<int>(wait);

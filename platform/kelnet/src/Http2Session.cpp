@@ -233,7 +233,10 @@ int Http2Session::OnDataChunk(nghttp2_session* session, uint8_t, int32_t streamI
   if (!request || request->broken) return 0;
   request->bodyStarted = true;
   auto& decoder = request->http2->decoder;
-  if (!decoder) decoder.emplace(request->http2->encoding ? std::string_view(*request->http2->encoding) : std::string_view());
+  if (!decoder) {
+    const auto& encoding = request->http2->encoding;
+    decoder.emplace(encoding ? std::string_view(*encoding) : std::string_view());
+  }
   const char* broken = nullptr;
   if (!decoder->Append(request->answerBody, data, length, request->maxAnswerBodyBytes, broken)) {
     request->broken = broken;

@@ -82,7 +82,10 @@ class Response {
   // for their status and body alone, and a map costs an allocation and an interned name and value
   // per field.
   Response(int status, ReceivedFields fields, std::string body, std::string httpVersion)
-      : status_(status), fields_(std::move(fields.text)), body_(std::move(body)), httpVersion_(std::move(httpVersion)) {}
+      : status_(status),
+        fields_(std::move(fields.text)),
+        body_(std::move(body)),
+        httpVersion_(std::move(httpVersion)) {}
   Response(const Response&) = delete;
   Response& operator=(const Response&) = delete;
 
